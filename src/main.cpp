@@ -1,0 +1,3 @@
+#include "run/mainrun.h"
+
+int main(int argc, char** argv) { return sonvex::RunMain(argc, argv); }
