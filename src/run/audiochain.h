@@ -1,0 +1,38 @@
+// Building the audio part of a chain for one action: the input half (reader, stream edits, or the
+// decoder) and the output half (PCM processing and the file writer). Nothing here reads data.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "framework/upstream.h"
+#include "run/options.h"
+
+namespace sonvex {
+
+// What one audio build is told and what it reports back.
+struct TAudioBuild {
+  const TOptions* options = nullptr;
+  bool isContainer = false;      // the track comes out of a container
+  std::string gapList;           // content of a ".gaps" file, or empty
+  std::string gapFileName;       // where a reader writes gaps it finds: destination + ".gaps"
+  bool decoded = false;          // out: the stream leaves the input half as PCM
+  std::vector<UpStreamRef> stripStages;  // out: TStripTo16bit stages of the twin outputs
+};
+
+// Logs "This audio conversion is not supported." through `logger` and returns false if the
+// destination's extension can't be made from a stream of that tag.
+bool CheckAudioDestination(IUpStream& logger, const std::string& extension, const std::string& tag);
+bool CheckVideoDestination(IUpStream& logger, const std::string& extension, const std::string& tag);
+
+// Appends the stages of the source format to `chain`.
+bool BuildAudioInput(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
+                     TAction& action, TAudioBuild& build);
+// Appends PCM processing and the destination; `suffix` is ".24bit", ".16bit" or empty.
+bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& action,
+                      const std::string& suffix, TAudioBuild& build);
+// The whole audio branch of one action: input half, then twin outputs, one output, or the file.
+bool BuildAudioChain(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
+                     TAction& action, TAudioBuild& build);
+
+}  // namespace sonvex
