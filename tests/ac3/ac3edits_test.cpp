@@ -12,7 +12,7 @@
 #include "framework/bitreader.h"
 #include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::ac3test {
 namespace {
 
 struct ChainRun {
@@ -76,7 +76,7 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
     SCOPED_TRACE(c.name);
     std::string source = dir / c.name;
     ASSERT_EQ(RunCommand(std::string("ffmpeg -nostdin -v error -y -f lavfi -i "
-                                     "sine=frequency=300:sample_rate=48000:duration=2 ") +
+                                     "sine=frequency=300:sample_rate=48000:duration=0.5 ") +
                          c.args + " -dialnorm -27 '" + source + "'"),
               0);
     auto stream = ReadBytes(source);
@@ -104,6 +104,7 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
     std::string patched = dir / (std::string("patched_") + c.name);
     WriteBytes(patched, out);
     EXPECT_TRUE(FfmpegDecodesCleanly(patched));
+    if (!eac3) continue;
     // The check itself catches a frame with a stale CRC.
     auto broken = out;
     broken[10] ^= 0x01;
@@ -113,7 +114,7 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
 }
 
 TEST(Ac3Edits, NeutralDialnormAndKeepDialnormAreBitExact) {
-  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_AC3_CORPUS();
   for (const char* name : {"gen/ac3_20_192k.ac3", "gen/eac3_20_224k.eac3"}) {
     auto stream = ReadBytes(CorpusDir() + "/" + name);
     LogRecorder log;
@@ -328,4 +329,4 @@ TEST(Ac3Edits, CoreExtractorKeepsTheIndependentFrame) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::ac3test

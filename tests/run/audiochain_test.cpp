@@ -13,7 +13,7 @@
 #include "framework/smallstages.h"
 #include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::ac3test {
 namespace {
 
 TAudioBlock Details(const std::string& tag, uint32_t channels, uint32_t bitrate = 448000,
@@ -249,7 +249,7 @@ TEST(AudioChain, RefusedBuilds) {
 // The chain as built, run on a corpus stream: untouched AC3 comes out bit for bit, and a damaged
 // frame in the middle stops it with the two messages.
 TEST(AudioChain, BuiltChainCopiesAndStopsOnDamage) {
-  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_AC3_CORPUS();
   auto stream = ReadBytes(CorpusDir() + "/gen/ac3_51_448k.ac3");
   auto run = [&](const std::vector<uint8_t>& data, bool& ok) {
     auto details = std::make_shared<TAudioBlock>(Details("ac3", 6));
@@ -281,4 +281,4 @@ TEST(AudioChain, BuiltChainCopiesAndStopsOnDamage) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::ac3test
