@@ -141,14 +141,17 @@ static bool SyncBytesAt(const uint8_t* data, size_t size, uint32_t spacing, uint
   return true;
 }
 
+// Both spacings holding doubles the number of packets tested, until the count reaches 0x10000
+// (nothing but "G" bytes: no transport stream) or the data runs out (188).
 uint32_t DetectTsPacketSize(const uint8_t* data, size_t size) {
-  for (uint32_t n = 10;; n *= 2) {
-    if (n >= 0x10000) return 0;
+  for (uint32_t n = 10;;) {
     bool plain = SyncBytesAt(data, size, 188, 0, n);
     bool m2ts = SyncBytesAt(data, size, 192, 4, n);
     if (!plain && !m2ts) return 0;
     if (plain != m2ts) return plain ? 188 : 192;
-    if (uint64_t(n) * 2 * 192 > size) return 188;
+    n *= 2;
+    if (n >= 0x10000) return 0;
+    if (uint64_t(n) * 192 > size) return 188;
   }
 }
 
