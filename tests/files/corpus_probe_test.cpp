@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "files/sourcefiles.h"
+#include "files/filetest_support.h"
 #include "support/capture.h"
 
 namespace sonvex {
@@ -164,11 +165,6 @@ TEST(SourceProbeCorpus, PublicTransportStreamsMatchFfprobePackets) {
   EXPECT_GT(checked, 0);
 }
 
-std::vector<uint8_t> Slurp(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
-
 TEST(SourceProbeCorpus, JoinedPartsOfOneTitleReadAsOneWithoutSeam) {
   fs::path part1 = kCorpus / "gen" / "bd_join_part1.m2ts";
   fs::path part2 = kCorpus / "gen" / "bd_join_part2.m2ts";
@@ -178,8 +174,8 @@ TEST(SourceProbeCorpus, JoinedPartsOfOneTitleReadAsOneWithoutSeam) {
   auto capture = TCapture::Create();
   source->SetUpStream(capture);
   ASSERT_TRUE(source->Write(0, false, nullptr, 0, -1, false));
-  std::vector<uint8_t> expected = Slurp(part1);
-  std::vector<uint8_t> second = Slurp(part2);
+  std::vector<uint8_t> expected = test::ReadWhole(part1);
+  std::vector<uint8_t> second = test::ReadWhole(part2);
   expected.insert(expected.end(), second.begin(), second.end());
   EXPECT_TRUE(capture->bytes == expected);
   EXPECT_TRUE(capture->seams.empty());
