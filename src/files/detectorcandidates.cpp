@@ -5,6 +5,8 @@
 
 #include "files/detectorcandidates.h"
 
+#include "ac3/ac3reader.h"
+
 namespace sonvex {
 
 // Slot 0: TEvoParser (takes the EVO option).
@@ -24,7 +26,7 @@ UpStreamRef MakeDtsReaderCandidate(TCandidateContext& context) {
 
 // Slot 3: TAc3Reader.
 UpStreamRef MakeAc3ReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TAc3Reader::Create();
 }
 
 // Slot 4: TMp2Reader.

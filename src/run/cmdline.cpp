@@ -292,9 +292,8 @@ std::vector<std::string> Tokenize(const std::string& input, char separator) {
 
 void SetTitleResolver(TitleResolver resolver) { titleResolver = std::move(resolver); }
 
-bool ParseCommandLine(const std::string& rawLine, TOptions& options) {
-  std::vector<std::string> tokens = Tokenize(rawLine);
-  std::string source;
+// The walk over the arguments; `source` is the source argument as given.
+bool WalkArguments(const std::vector<std::string>& tokens, TOptions& options, std::string& source) {
   TAction* current = nullptr;
   for (size_t index = 1; index < tokens.size(); index++) {
     const std::string& token = tokens[index];
@@ -349,6 +348,16 @@ bool ParseCommandLine(const std::string& rawLine, TOptions& options) {
       if (LowerCase(name.stem().string()) == "stdout" && !name.has_parent_path())
         SetConsoleOff(true);
     }
+  }
+  return true;
+}
+
+bool ParseCommandLine(const std::string& rawLine, TOptions& options) {
+  std::string source;
+  if (!WalkArguments(Tokenize(rawLine), options, source)) {
+    // The log copy needs to know the source even when the walk stopped.
+    if (!source.empty() && options.sources.empty()) options.sources.push_back(RemoveQuotes(source));
+    return false;
   }
 
   if (!source.empty() && source.find('+') == std::string::npos) {

@@ -106,9 +106,9 @@ bool TMainRun::Analyse() {
   analysis = source;
   if (source->IsValid()) source->Write(0, false, nullptr, 0, -1, false);
   UpdateProgress(1, 0);
-  auto container = detector->FoundContainer();
-  auto audio = detector->FoundAudio();
-  auto video = detector->FoundVideo();
+  auto container = detector->ContainerDetails();
+  auto audio = detector->AudioDetails();
+  auto video = detector->VideoDetails();
   if (container && container->IsValid()) info.container = container;
   if (audio && audio->IsValid()) info.audioDetails = audio;
   if (video && video->IsValid()) info.videoDetails = video;

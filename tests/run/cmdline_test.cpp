@@ -65,7 +65,7 @@ TEST_F(CommandLine, SourceWithTwoDestinationsAndGlobalOptions) {
   EXPECT_EQ(options.megabytes, 100);
   EXPECT_EQ(options.sources.size(), 2u);
   ASSERT_EQ(options.actions.size(), 2u);
-  EXPECT_EQ(options.actions[0].delay, 50);
+  EXPECT_EQ(options.actions[0].delay, -50) << "an option delay is negative";
   EXPECT_EQ(options.actions[1].track, 0);
   EXPECT_TRUE(options.ignoreDiscontinuity);
   EXPECT_EQ(options.logName, "my.log");
@@ -103,7 +103,8 @@ TEST_F(CommandLine, RefusalsSayWhy) {
       {"+100ms", "Please specify the source and dest files first and then the delay."},
       {"-100ms", "Please specify the source and dest files first and then the options."},
       {"%A o.wav -frobnicate", "Command line parameter \"frobnicate\" is unknown."},
-      {"%A o.wav -0,1,2,3,4;5", "Command line parameter \"0,1,2,3,4;5\" has an incorrect format."},
+      {"%A o.wav -0,1,2,3,4,5;6", "Command line parameter \"0,1,2,3,4,5;6\" has an incorrect format."},
+      {"%A o.wav -0,1,2,3,4;5", "Command line parameter \"0,1,2,3,4;5\" is unknown."},
       {"%A o.wav -0,1,2,3,4,4", "Command line parameter \"0,1,2,3,4,4\" has an incorrect format."},
       {"%A 0: o.wav", "The source file doesn't contain a track with the number 0."},
       {"%A 2:", "Destination file name is missing for track number 2."},
