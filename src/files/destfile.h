@@ -52,7 +52,6 @@ private:
   int64_t filePosition = 0;
   bool dataSeen = false;
   bool noWrite = false;
-  bool spent = false;
 };
 
 // The destination name with `text` put ahead of its extension: "a.flac", ".24bit" -> "a.24bit.flac".

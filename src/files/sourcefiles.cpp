@@ -67,6 +67,7 @@ bool TSourceFiles::ReadAt(size_t index, int64_t offset, uint8_t* buffer, size_t 
 
 void TSourceFiles::Probe() {
   std::unique_ptr<uint8_t[]> head, tail;
+  size_t headCapacity = 0, tailCapacity = 0;
   TTsProbe ts([this](int level, const std::string& text, bool force) { Log(level, text, force); });
   for (size_t i = 0; i < names.size(); i++) {
     const std::string& name = names[i];
@@ -89,16 +90,20 @@ void TSourceFiles::Probe() {
 
     bool evoProbe = isEvo && (i == 0 || playTime > 0);
     if (!evoProbe && !isTs) continue;
-    if (!head) {
-      head.reset(new (std::nothrow) uint8_t[kProbeHead]);
-      tail.reset(new (std::nothrow) uint8_t[kEvoTail]);
+    // The buffers grow with the files, up to the 10 MiB head and the 30 MiB tail.
+    size_t fileSize = size_t(sizes[i]);
+    if (std::min(fileSize, kEvoTail) > tailCapacity) {
+      headCapacity = std::min(fileSize, kProbeHead);
+      tailCapacity = std::min(fileSize, kEvoTail);
+      head.reset(new (std::nothrow) uint8_t[headCapacity]);
+      tail.reset(new (std::nothrow) uint8_t[tailCapacity]);
       if (!head || !tail) {
         Fail("The source file reader couldn't allocate enough memory.");
         return;
       }
     }
     size_t headSize = 0;
-    if (!ReadAt(i, 0, head.get(), kProbeHead, headSize)) {
+    if (!ReadAt(i, 0, head.get(), std::min(fileSize, kProbeHead), headSize)) {
       Fail("Error reading file \"" + name + "\".");
       continue;
     }
@@ -145,7 +150,8 @@ void TSourceFiles::ProbeEvo(size_t index, const uint8_t* head, size_t headSize, 
     int64_t start = std::max<int64_t>(0, sizes[index] - int64_t(kEvoTail));
     start = (start + 2047) / 2048 * 2048;
     size_t tailSize = 0;
-    if (!ReadAt(index, start, tail, kEvoTail, tailSize)) {
+    size_t want = size_t(std::min<int64_t>(int64_t(kEvoTail), sizes[index] - start));
+    if (!ReadAt(index, start, tail, want, tailSize)) {
       Fail("Error reading file \"" + name + "\".");
       return;
     }
@@ -185,7 +191,8 @@ void TSourceFiles::ProbeTs(size_t index, const uint8_t* head, size_t headSize, u
   int64_t start = std::max<int64_t>(0, sizes[index] - span);
   start = (start + packetSize - 1) / packetSize * packetSize;
   size_t tailSize = 0;
-  if (!ReadAt(index, start, tail, size_t(span), tailSize)) {
+  size_t want = size_t(std::min<int64_t>(span, sizes[index] - start));
+  if (!ReadAt(index, start, tail, want, tailSize)) {
     Fail("Error reading file \"" + names[index] + "\".");
     return;
   }

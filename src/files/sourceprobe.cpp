@@ -159,6 +159,7 @@ TTsProbe::TTsProbe(LogFunction logFunction) : log(std::move(logFunction)) {}
 TTsProbe::~TTsProbe() = default;
 
 void TTsProbe::Reset() {
+  mappingChanged = false;
   for (auto& entry : pids) {
     entry.type = kNone;
     entry.remainder = 0;
@@ -168,8 +169,10 @@ void TTsProbe::Reset() {
 
 void TTsProbe::SetType(uint32_t pid, uint8_t type) {
   TPidEntry& entry = pids[pid];
-  if (entry.type != kNone && entry.type != type)
+  if (entry.type != kNone && entry.type != type && !mappingChanged) {
+    mappingChanged = true;  // told once per file
     log(1, "The program channel mapping changes in the middle of the stream.", false);
+  }
   entry.type = type;
 }
 

@@ -76,6 +76,7 @@ private:
   void SetType(uint32_t pid, uint8_t type);
 
   LogFunction log;
+  bool mappingChanged = false;
   std::array<TPidEntry, 8192> pids;
 };
 

@@ -33,7 +33,7 @@ double Field(const std::string& text, const std::string& key) {
   size_t at = text.find(key + "=");
   if (at == std::string::npos) return NAN;
   std::string value = text.substr(at + key.size() + 1);
-  value = value.substr(0, value.find_first_of(" \n,"));
+  value = value.substr(0, value.find_first_of(" \n,|"));
   if (size_t slash = value.find('/'); slash != std::string::npos) {
     double d = std::atof(value.substr(slash + 1).c_str());
     return d > 0 ? std::atof(value.c_str()) / d : NAN;
@@ -161,6 +161,38 @@ TEST(SourceProbeCorpus, PublicTransportStreamsMatchFfprobePackets) {
       EXPECT_EQ(source->PlayTime(), *stamps.rbegin() - first);
       checked++;
     }
+  }
+  EXPECT_GT(checked, 0);
+}
+
+// Program streams: the span of the video time stamps is ffprobe's video duration less at most
+// one frame, and the first stamp is the video's start.
+TEST(SourceProbeCorpus, PublicProgramStreamsMatchFfprobe) {
+  if (!fs::exists(kCorpus / "public" / "vob")) GTEST_SKIP() << "corpus absent";
+  if (!HaveFfprobe()) GTEST_SKIP() << "ffprobe absent";
+  int checked = 0;
+  for (const auto& entry : fs::directory_iterator(kCorpus / "public" / "vob")) {
+    if (entry.path().extension() != ".vob") continue;
+    SCOPED_TRACE(entry.path().string());
+    std::string command = "ffprobe -v error -select_streams v:0 -show_entries "
+                          "stream=start_time,duration,r_frame_rate -of compact \"" +
+                          entry.path().string() + "\" 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    char line[1024] = {};
+    std::string text = fgets(line, sizeof line, pipe) ? line : "";
+    pclose(pipe);
+    double duration = Field(text, "duration"), start = Field(text, "start_time");
+    double frame = 1 / Field(text, "r_frame_rate");
+    ASSERT_FALSE(std::isnan(duration) || std::isnan(start) || std::isnan(frame)) << text;
+    auto source = TSourceFiles::Create({entry.path().string()}, 30000, 1001, 0);
+    EXPECT_TRUE(source->IsEvo());
+    EXPECT_FALSE(source->IsTs());
+    double playTime = double(source->PlayTime()) / 90000;
+    EXPECT_LE(playTime, duration + 0.001);
+    EXPECT_GE(playTime, duration - frame - 0.001);
+    EXPECT_NEAR(double(source->FirstStamps()[0]) / 90000, start, 0.001);
+    checked++;
   }
   EXPECT_GT(checked, 0);
 }

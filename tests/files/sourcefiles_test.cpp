@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 #include "files/filetest_support.h"
 #include "files/sourceprobe.h"
 #include "files/streamwriter.h"
@@ -150,6 +153,33 @@ TEST(SourceFiles, SeekAndReadWalkTheJoinedStream) {
   EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + 10, b.begin()));
 }
 
+TEST(SourceFiles, FilesOver4GiBAreOrdinaryInput) {
+  TScratchDir dir;
+  // A sparse file of 5 GiB with a mark beyond the 4 GiB line.
+  const int64_t size = int64_t(5) << 30, mark = (int64_t(4) << 30) + 100;
+  {
+    std::ofstream out(dir / "big.bin", std::ios::binary);
+    out.seekp(mark);
+    out.write("MARK", 4);
+  }
+  std::filesystem::resize_file(dir / "big.bin", uintmax_t(size));
+  WriteWhole(dir / "tail.bin", Pattern(10, 12));
+  auto source = TSourceFiles::Create({dir / "big.bin", dir / "tail.bin"}, 24000, 1001, 0);
+  ASSERT_TRUE(source->IsValid());
+  EXPECT_EQ(source->TotalSize(), size + 10);
+  ASSERT_TRUE(source->Seek(mark));
+  uint8_t buffer[4];
+  uint32_t got = 4;
+  ASSERT_TRUE(source->Read(buffer, got));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), got), "MARK");
+  EXPECT_EQ(source->Position(), mark + 4);
+  ASSERT_TRUE(source->Seek(size + 2));
+  got = 4;
+  ASSERT_TRUE(source->Read(buffer, got));
+  ASSERT_EQ(got, 4u);
+  EXPECT_EQ(buffer[0], Pattern(10, 12)[2]);
+}
+
 TEST(SourceProbe, PacketSizeDetection) {
   std::vector<uint8_t> plain, m2ts;
   for (int i = 0; i < 100; i++) {
@@ -265,6 +295,21 @@ TEST(SourceProbe, DamagedTransportStreamsAreReported) {
     EXPECT_TRUE(source->IsValid());
     EXPECT_EQ(source->FirstStamps()[0], -1);
   }
+}
+
+TEST(SourceProbe, AChangedStreamTypeIsReported) {
+  TScratchDir dir;
+  auto ts = MakeTs(188, 900000, 10);
+  // A second PMT calls the audio PID a video stream.
+  auto pmt = PmtBody(kVideoPid, {{0x1B, kVideoPid}, {0x1B, kAudioPid}});
+  Append(ts, TsPacket(kPmtPid, true, WithPointer(Section(0x02, 1, pmt))));
+  WriteWhole(dir / "a.ts", ts);
+  TLogRecorder log;
+  auto source = TSourceFiles::Create({dir / "a.ts"}, 24000, 1001, 0);
+  EXPECT_EQ(log.lines, (std::vector<std::pair<int, std::string>>{
+                           {1, "The program channel mapping changes in the middle of the stream."}}));
+  EXPECT_TRUE(source->IsTs());
+  EXPECT_EQ(source->PlayTime(), 9 * 3753);
 }
 
 TEST(SourceProbe, BadPesStartEndsTheTransportStreamView) {
