@@ -41,11 +41,13 @@ inline std::string RunCommand(const std::string& command) {
 }
 
 // "key=value" lines of ffprobe for the first video stream.
-inline std::map<std::string, std::string> ProbeVideo(const std::string& path) {
+inline std::map<std::string, std::string> ProbeVideo(const std::string& path,
+                                                     bool countFrames = false) {
   std::map<std::string, std::string> facts;
   std::istringstream lines(RunCommand(
-      "ffprobe -v error -select_streams v:0 -count_frames -show_entries "
-      "stream=width,height,field_order,r_frame_rate,avg_frame_rate,nb_read_frames "
+      std::string("ffprobe -v error -select_streams v:0 ") + (countFrames ? "-count_frames " : "") +
+      "-show_entries stream=width,height,field_order,r_frame_rate,avg_frame_rate,"
+      "display_aspect_ratio,nb_read_frames "
       "-of default=nw=1 '" + path + "'"));
   std::string line;
   while (std::getline(lines, line)) {
