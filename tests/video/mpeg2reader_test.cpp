@@ -4,6 +4,11 @@
 #include "video/mpeg2reader.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "framework/bitreader.h"
 
 #include "run/runstate.h"
 #include "support/battery.h"
@@ -264,6 +269,41 @@ TEST(Mpeg2Reader, SequenceEndNeverLeavesAndOnlyTheFirstHeaderIsLookedAt) {
   ReaderRun run = PushStream(Detector(), ended, 5);
   ASSERT_TRUE(run.ok);
   EXPECT_EQ(run.capture->bytes, stream);
+}
+
+TEST(Mpeg2Reader, GapsAreCountedInHalfFrames) {
+  std::string gapFile = (std::filesystem::temp_directory_path() /
+                         ("sonvex_mpeg2_gap_" + std::to_string(getpid())))
+                            .string();
+  Mpeg2Params p;
+  auto reader = TMpeg2Reader::Create(false, false, false, false, true, "", gapFile, 1);
+  auto capture = TCapture::Create();
+  reader->AppendUpStream(capture);
+  std::vector<std::string> lines;
+  SetLogHook([&](int level, const std::string& text) {
+    lines.push_back(std::to_string(level) + " " + text);
+  });
+  // One group per Write, stamped with the time of its first picture; from group 5 on the
+  // source runs 10 frames (20 half frames) ahead.
+  bool ok = true;
+  for (int g = 0; ok && g < 40; g++) {
+    std::vector<uint8_t> group = MakeStream(p, {Content::video});
+    int64_t halfFrames = g * 12 + (g >= 5 ? 20 : 0);
+    ok = reader->Write(0, false, group.data(), uint32_t(group.size()),
+                       halfFrames * 5000 * 1001 / 30, false);
+  }
+  if (ok) ok = reader->Finish();
+  SetLogHook(nullptr);
+  ASSERT_TRUE(ok);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0], "1 Video has a gap of 10 frames at playtime 0:00:01.");
+  EXPECT_EQ(lines.size(), 5u);
+  std::vector<uint8_t> file = ReadBytes(gapFile);
+  std::filesystem::remove(gapFile);
+  ASSERT_EQ(file.size(), 16u);
+  EXPECT_EQ(Le64(file.data()), 60u);
+  EXPECT_EQ(Le64(file.data() + 8), 20u);
+  EXPECT_EQ(reader->VideoDetails()->FrameCount(), 240u);
 }
 
 TEST(Mpeg2Reader, ParserBattery) {
