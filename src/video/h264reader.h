@@ -1,8 +1,8 @@
 // Th264Reader: splits an Annex B H.264 byte stream into NAL units, reads the SPS (and the
 // picture timing SEI where needed) to announce size, aspect, frame rate, interlacing and
 // pulldown, counts access units at their delimiters and sends every unit on with a time stamp
-// computed from the frame count. Holes and overlaps in the incoming time stamps go to a gap
-// table (Part of the ".gaps" mechanism shared by all video readers).
+// computed from the frame count. Holes and overlaps in the incoming time stamps go to the gap
+// table that all video readers share, and from there to a ".gaps" file.
 #pragma once
 
 #include <memory>
