@@ -70,7 +70,11 @@ void TVideoTiming::Observe(int64_t count, int64_t t, int64_t tickNum, int64_t ti
     base = t - count * tickNum / tickDen;
   }
   int64_t d = t - base;
-  int64_t delta = RoundedDivision(d * tickDen, tickNum) - count;
+  // Wide product: stamps of a long stream times an odd rate may not fit in 64 bits.
+  __int128 scaled = __int128(d) * tickDen;
+  __int128 half = tickNum / 2;
+  __int128 rounded = scaled >= 0 ? (scaled + half) / tickNum : -((-scaled + half) / tickNum);
+  int64_t delta = int64_t(rounded) - count;
   int64_t last = table.empty() ? 0 : table.back().correction;
   if (delta == 0 || (delta < 0) != (last < 0)) {
     table.clear();
