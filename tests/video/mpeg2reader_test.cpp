@@ -306,6 +306,20 @@ TEST(Mpeg2Reader, GapsAreCountedInHalfFrames) {
   EXPECT_EQ(reader->VideoDetails()->FrameCount(), 240u);
 }
 
+TEST(Mpeg2Reader, InitialDelayCountsPicturesAheadOfTheFirstTimestamp) {
+  Mpeg2Params p;
+  auto reader = TMpeg2Reader::Create(false, false, false, false, true);
+  reader->AppendUpStream(TCapture::Create());
+  std::vector<uint8_t> group = MakeStream(p, {Content::video});
+  ASSERT_TRUE(reader->Write(0, false, group.data(), uint32_t(group.size()), -1, false));
+  EXPECT_FALSE(reader->HasTimestamps());
+  for (int g = 1; g < 4; g++)
+    ASSERT_TRUE(reader->Write(0, false, group.data(), uint32_t(group.size()), g * 2000000, false));
+  ASSERT_TRUE(reader->Finish());
+  EXPECT_TRUE(reader->HasTimestamps());
+  EXPECT_EQ(reader->InitialDelay(), -6 * 1000 * 1001 / 30000);  // six pictures at 29.97 Hz
+}
+
 TEST(Mpeg2Reader, ParserBattery) {
   Mpeg2Params p;
   std::vector<uint8_t> stream =
