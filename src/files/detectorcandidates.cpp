@@ -6,6 +6,9 @@
 #include "files/detectorcandidates.h"
 
 #include "ac3/ac3reader.h"
+#include "video/h264reader.h"
+#include "video/mpeg2reader.h"
+#include "video/vc1reader.h"
 
 namespace sonvex {
 
@@ -57,17 +60,17 @@ UpStreamRef MakeFlacDecoderCandidate(TCandidateContext& context) {
 
 // Slot 9: TVc1Reader.
 UpStreamRef MakeVc1ReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TVc1Reader::Create();
 }
 
 // Slot 10: TMpeg2Reader.
 UpStreamRef MakeMpeg2ReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TMpeg2Reader::Create();
 }
 
 // Slot 11: Th264Reader.
 UpStreamRef MakeH264ReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return Th264Reader::Create();
 }
 
 }  // namespace sonvex

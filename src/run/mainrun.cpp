@@ -160,7 +160,7 @@ bool TMainRun::BuildDemuxActions(bool check) {
   auto add = [&](int32_t track, const std::string& dest) {
     TAction action = defaults;
     action.track = track;
-    action.dest = dest;
+    action.dest = TidyFileName(dest);
     built.push_back(action);
   };
   for (int32_t number = info.trackBase + 1; number <= LastTrackNumber(info); number++) {
@@ -223,6 +223,7 @@ void TMainRun::AddMkvSideActions(const TAction& mkv) {
     } else {
       continue;
     }
+    action.dest = TidyFileName(action.dest);
     options.actions.push_back(action);
   }
 }

@@ -11,6 +11,7 @@
 #include "run/audiochain.h"
 #include "run/cmdline.h"
 #include "run/naming.h"
+#include "video/videoreaders.h"
 
 namespace sonvex {
 namespace {
@@ -213,12 +214,15 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
         head->Log(2, "Internal error - unknown video output format!");
         return false;
       }
-      UpStreamRef reader = MakeVideoReader(codec, action, details);
-      if (!reader) {
+      TVideoReaderChain readers =
+          BuildVideoReader(codec, action, action.track, details->Pulldown(),
+                           details->Interlaced(), false, "", "");
+      if (!readers.head) {
         head->Log(2, "Internal error - unknown video input format!");
         return false;
       }
-      if (!head->AppendUpStream(reader) || !head->AppendUpStream(TDestFile::Create(action.dest)))
+      if (!head->AppendUpStream(readers.head) ||
+          !head->AppendUpStream(TDestFile::Create(action.dest)))
         return false;
     } else {
       head->Log(2, "This subtitle conversion is not supported.");
@@ -240,7 +244,7 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
     auto details = trackVideo(ref);
     UpStreamRef head = info.container ? MakeContainerHead(containerTag, ref, options, TAction{})
                                       : UpStreamRef(TPassThrough::Create());
-    UpStreamRef reader = MakeVideoReader(details->Format(), TAction{}, details);
+    UpStreamRef reader = CreateFrameCounter(details->Format());
     if (!head || !reader) continue;
     head->SetSilent(true);
     head->AppendUpStream(reader);
@@ -265,14 +269,6 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
   for (const SideBranch& side : sides)
     result.videoFrames[size_t(side.videoIndex)] = side.reader->VideoDetails()->FrameCount();
   return true;
-}
-
-UpStreamRef MakeVideoReader(const std::string& codec, const TAction& action,
-                            const std::shared_ptr<IVideoFormatDetails>& details) {
-  (void)codec;
-  (void)action;
-  (void)details;
-  return nullptr;
 }
 
 }  // namespace sonvex

@@ -45,8 +45,4 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result);
 // no demuxer here (the caller then logs "Unknown container.").
 using DemuxHeadFactory = UpStreamRef (*)(const std::string& containerTag, const TTrackRef& track,
                                         const TOptions& options, const TAction& action);
-// Video readers by codec; nullptr for a codec that has no reader here.
-UpStreamRef MakeVideoReader(const std::string& codec, const TAction& action,
-                            const std::shared_ptr<IVideoFormatDetails>& details);
-
 }  // namespace sonvex
