@@ -8,6 +8,7 @@
 // channel layout, which for a native layout is ascending speaker-mask bits: the WAV order.
 #include "codecs/libavdecoder.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -164,8 +165,11 @@ bool TLibavDecoder::SendFrame(int64_t position, bool flush) {
     Interleave(frame, channels, planar, 4, out, 4, [](const uint8_t* in, uint8_t* o) {
       float f;
       std::memcpy(&f, in, 4);
-      // The low 32 bits of the rounded 64-bit value: 1.0 gives 0x80000000, no clip.
-      uint32_t v = uint32_t(int64_t(std::llrint(double(f) * 2147483648.0)));
+      // Clipped to 32 bits: lossy decoders overshoot full scale now and then, and a wrapped
+      // sample would jump to the other end of the range.
+      double scaled = std::nearbyint(double(f) * 2147483648.0);
+      scaled = std::clamp(scaled, -2147483648.0, 2147483647.0);
+      uint32_t v = uint32_t(int32_t(scaled));
       o[0] = uint8_t(v);
       o[1] = uint8_t(v >> 8);
       o[2] = uint8_t(v >> 16);
@@ -216,7 +220,9 @@ bool TLibavDecoder::Write(SenderId, bool, const uint8_t* data, uint32_t size, in
   if (stopped || (size == 0 && !finishing)) return valid;
   if (!context) return Fail("The libav decoder was not able to allocate enough memory.");
   if (!parser) return DecodePacket(data, size, position, flush) || valid;
-  // With size 0 (at the end) the parser hands out what it still holds.
+  // With size 0 (at the end) the parser hands out what it still holds. A parser may take nothing
+  // once while it resynchronises; a few idle rounds in a row end the block.
+  int idle = 0;
   do {
     uint8_t* out = nullptr;
     int outSize = 0;
@@ -227,7 +233,8 @@ bool TLibavDecoder::Write(SenderId, bool, const uint8_t* data, uint32_t size, in
     size -= uint32_t(used);
     if (outSize > 0 && !DecodePacket(out, uint32_t(outSize), position, flush)) return false;
     if (stopped) return valid;
-    if (used == 0 && outSize == 0) break;
+    if (used == 0 && outSize == 0 && (size == 0 || ++idle > 4)) break;
+    if (used > 0 || outSize > 0) idle = 0;
   } while (size > 0);
   return true;
 }

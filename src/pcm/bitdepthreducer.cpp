@@ -165,19 +165,19 @@ template <int InBytes, int OutBytes>
 void Reduce(uint8_t* data, uint32_t count, int shift, int pad, const int32_t* noise) {
   const int32_t round = int32_t(1u << (shift - 1));
   const int noiseShift = 30 - shift;
-  constexpr int32_t kMax = OutBytes == 1 ? 127 : OutBytes == 2 ? 32767 : 8388607;
-  constexpr int32_t kMin = -kMax - 1;
+  constexpr int64_t kMax = OutBytes == 1 ? 127 : OutBytes == 2 ? 32767 : 8388607;
+  constexpr int64_t kMin = -kMax - 1;
   const uint8_t* in = data;
   uint8_t* out = data;
   for (uint32_t k = 0; k < count; k++, in += InBytes, out += OutBytes) {
     int32_t s = ReadSample<InBytes>(in);
     int32_t n = noise ? (noise[k + 1] - noise[k]) >> noiseShift : 0;
-    int32_t sum = int32_t(uint32_t(s) + uint32_t(n) + uint32_t(round));
-    int32_t v = int32_t(uint32_t(sum >> shift) << pad);
+    // On 64 bits, so a sample near full scale clips instead of wrapping to the other end.
+    int64_t v = ((int64_t(s) + n + round) >> shift) * (int64_t(1) << pad);
     if (v > kMax) v = kMax;
     if (v < kMin) v = kMin;
     if constexpr (OutBytes == 1) {
-      out[0] = uint8_t(v + 128);
+      out[0] = uint8_t(int32_t(v) + 128);
     } else if constexpr (OutBytes == 2) {
       out[0] = uint8_t(v);
       out[1] = uint8_t(v >> 8);
