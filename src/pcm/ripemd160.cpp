@@ -1,5 +1,9 @@
 // RIPEMD-160 (Dobbertin, Bosselaers, Preneel 1996): two parallel lines of five rounds over
 // 512-bit blocks, little-endian words, padding as MD4.
+// The noise table takes a million hashes: keep this file optimised even in debug builds.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("O2")
+#endif
 #include "pcm/ripemd160.h"
 
 #include <cstring>
