@@ -8,6 +8,7 @@
 #include "codecs/wavwriter.h"
 #include "framework/smallstages.h"
 #include "pcm/bitdepthreducer.h"
+#include "pcm/channelmodder.h"
 #include "pcm/endianswapper.h"
 #include "pcm/stripto16bit.h"
 #include "run/audiochain.h"
@@ -129,12 +130,14 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
                       : "DTS encoding only supports 6 channels. Will mix the surround channels.");
     action.down6 = true;
   }
-  // Remapping, splitting into mono branches, resampling, mixing and gap realizing are made by
-  // stages that this build doesn't hold yet.
+  if (!action.remap.empty()) {
+    if (!chain->AppendUpStream(TChannelModder::Create(action.remap))) return false;
+  }
+  // Splitting into mono branches for resampling and mixing, and the gap realizers, are made by
+  // stages that this build doesn't hold yet; nor does it encode AC3 or DTS.
   bool resample = action.resampleTo != 0 && uint32_t(action.resampleTo) != details.sampleRate;
-  if (!action.remap.empty() || action.speedup || action.slowdown || action.down6 ||
-      action.down2 || resample || ext == ".wavs" || ext == ".dts" || ext == ".ac3" ||
-      !build.gapList.empty())
+  if (action.speedup || action.slowdown || action.down6 || action.down2 || resample ||
+      ext == ".dts" || ext == ".ac3" || !build.gapList.empty())
     return Unsupported(chain);
   uint32_t target = action.reduceTo ? uint32_t(action.reduceTo) : uint32_t(action.bits);
   if (target) {
@@ -142,10 +145,35 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
     if (details.bits > target) details.bits = (target + 7) / 8 * 8;
   }
   if (ext == ".pcm" || ext == ".lpcm") {
-    if (details.channels == 8 || (details.channels == 6 && action.remap.empty()))
-      return Unsupported(chain);  // the Blu-ray channel order needs a channel modder
     if (action.endian != 1 && !chain->AppendUpStream(TEndianSwapper::Create())) return false;
+    // Blu-ray LPCM channel order.
+    if (details.channels == 8 && !chain->AppendUpStream(TChannelModder::Create("0,1,2,6,4,5,7,3")))
+      return false;
+    if (details.channels == 6 && action.remap.empty() &&
+        !chain->AppendUpStream(TChannelModder::Create("0,1,2,4,5,3")))
+      return false;
     return AppendDestination(chain, name, build);
+  }
+  if (ext == ".wavs") {
+    // One mono WAV per channel: stem + "." + channel name + ".wav", each keeping the whole
+    // stream's mask; only the first writer says "Writing WAVs...".
+    const uint32_t channels = details.channels;
+    if (channels < 1 || channels > 8) return Unsupported(chain);
+    uint32_t mask = details.channelMask ? details.channelMask : DefaultChannelMask(channels);
+    std::string stem = name.substr(0, name.size() - std::filesystem::path(name).extension().string().size());
+    std::vector<UpStreamRef> branches;
+    for (uint32_t c = 0; c < channels; c++) {
+      auto modder = TChannelModder::Create(std::vector<uint32_t>{c});
+      auto writer = TWavWriter::Create(action.extensible, mask, true);
+      if (c > 0) writer->SetSilent(false);
+      UpStreamRef dest = MakeDestination(stem + "." + WavChannelName(channels, c) + ".wav", build);
+      if (!dest) return Unsupported(chain);
+      modder->SetUpStream(writer);
+      writer->SetUpStream(dest);
+      branches.push_back(modder);
+    }
+    action.fileCount = int32_t(channels);
+    return chain->AppendUpStreams(branches);
   }
   if (ext == ".wav") {
     uint32_t mask = details.channelMask ? details.channelMask : DefaultChannelMask(details.channels);
@@ -170,7 +198,8 @@ bool BuildDecodedOutputs(const UpStreamRef& chain,
   block.sampleRate = details->SampleRate();
   const std::string ext = ExtensionOf(action.dest);
   // A stream known to be 16 bits needs no twin: the stripper only takes 24-bit input.
-  if (!IsLossless(ext) || Lower(action.dest) == "stdout" || block.bits == 16 ||
+  const bool toStdout = Lower(std::filesystem::path(action.dest).stem().string()) == "stdout";
+  if (!IsLossless(ext) || toStdout || block.bits == 16 ||
       action.bits != 0 || action.reduceTo != 0) {
     block.bits = block.bits ? std::min(block.bits, 24u) : 24;
     return BuildAudioOutput(chain, block, action, "", build);
