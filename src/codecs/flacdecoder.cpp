@@ -98,9 +98,11 @@ void TFlacDecoder::Run() {
       aborted = true;
     }
   }
+  // threadDone goes first: a Write that clears inputUsed after this point sees it, and one that
+  // cleared it before gets the signal below.
+  threadDone.Set();
   inputUsed.Set();
   if (aborted) inputReady.Set();
-  threadDone.Set();
 }
 
 int TFlacDecoder::ReadCallback(uint8_t* buffer, size_t* bytes) {
@@ -210,8 +212,10 @@ bool TFlacDecoder::Write(SenderId, bool, const uint8_t* data, uint32_t size, int
     input = data;
     inputSize = size;
     inputUsed.Reset();
-    inputReady.Set();
-    inputUsed.Wait();
+    if (!threadDone.IsSet()) {
+      inputReady.Set();
+      inputUsed.Wait();
+    }
     // The thread keeps no pointer into the caller's block once it has signalled.
     input = nullptr;
     inputSize = 0;

@@ -31,6 +31,13 @@ void Put16(uint8_t* p, uint32_t v) {
 void Put32(uint8_t* p, uint32_t v) {
   for (int i = 0; i < 4; i++) p[i] = uint8_t(v >> (8 * i));
 }
+void Put64(uint8_t* p, uint64_t v) {
+  Put32(p, uint32_t(v));
+  Put32(p + 4, uint32_t(v >> 32));
+}
+
+// The ds64 chunk of RF64: RIFF size, data size, sample count (64 bits each), table length 0.
+constexpr uint32_t kDs64ChunkSize = 8 + 28;
 
 // The stage that can go back to the header: the next stage itself or the end of its chain.
 ISeekableUpStream* FindSeekable(const UpStreamRef& up, UpStreamRef& target) {
@@ -53,9 +60,16 @@ std::string WavChannelName(uint32_t channels, uint32_t index) {
   return kChannelNames[channels - 1][index];
 }
 
-void TWavWriter::SetSizes(uint32_t dataBytes) {
-  Put32(header + 4, dataBytes + headerSize - 8);
-  Put32(header + headerSize - 4, dataBytes);
+void TWavWriter::SetSizes(uint64_t dataBytes) {
+  if (rf64) {
+    // RIFF and data sizes stay 0xFFFFFFFF; the real ones are in the ds64 chunk at offset 12.
+    Put64(header + 20, dataBytes + headerSize - 8);
+    Put64(header + 28, dataBytes);
+    Put64(header + 36, blockAlign ? dataBytes / blockAlign : 0);
+    return;
+  }
+  Put32(header + 4, uint32_t(dataBytes) + headerSize - 8);
+  Put32(header + headerSize - 4, uint32_t(dataBytes));
 }
 
 bool TWavWriter::InitAudio(const std::string& format, uint32_t channels, uint32_t bits,
@@ -74,25 +88,39 @@ bool TWavWriter::InitAudio(const std::string& format, uint32_t channels, uint32_
   const uint32_t bytes = bits / 8;
   blockAlign = channels * bytes;
   headerSize = extensible ? 68 : 44;
+  // Data that can't be sized in 32 bits is written as RF64: the same header with a ds64 chunk
+  // between "WAVE" and "fmt ".
+  const uint64_t announcedBytes = sampleCount * blockAlign;
+  rf64 = announcedBytes > 0xFFFFFFFFull;
+  const uint32_t at = rf64 ? kDs64ChunkSize : 0;
   std::memset(header, 0, sizeof(header));
-  std::memcpy(header, "RIFF", 4);
+  std::memcpy(header, rf64 ? "RF64" : "RIFF", 4);
   std::memcpy(header + 8, "WAVE", 4);
-  std::memcpy(header + 12, "fmt ", 4);
-  Put32(header + 16, extensible ? 40 : 16);
-  Put16(header + 20, extensible ? 0xFFFE : 1);
-  Put16(header + 22, channels);
-  Put32(header + 24, sampleRate);
-  Put32(header + 28, sampleRate * blockAlign);
-  Put16(header + 32, blockAlign);
-  Put16(header + 34, bytes * 8);
-  if (extensible) {
-    Put16(header + 36, 22);
-    Put16(header + 38, bytes * 8);
-    Put32(header + 40, channelMask);
-    std::memcpy(header + 44, kPcmGuid, 16);
+  if (rf64) {
+    std::memcpy(header + 12, "ds64", 4);
+    Put32(header + 16, 28);
   }
+  std::memcpy(header + at + 12, "fmt ", 4);
+  Put32(header + at + 16, extensible ? 40 : 16);
+  Put16(header + at + 20, extensible ? 0xFFFE : 1);
+  Put16(header + at + 22, channels);
+  Put32(header + at + 24, sampleRate);
+  Put32(header + at + 28, sampleRate * blockAlign);
+  Put16(header + at + 32, blockAlign);
+  Put16(header + at + 34, bytes * 8);
+  if (extensible) {
+    Put16(header + at + 36, 22);
+    Put16(header + at + 38, bytes * 8);
+    Put32(header + at + 40, channelMask);
+    std::memcpy(header + at + 44, kPcmGuid, 16);
+  }
+  headerSize += at;
   std::memcpy(header + headerSize - 8, "data", 4);
-  SetSizes(sampleCount ? uint32_t(sampleCount * blockAlign) : 0xFFFFFF00u);
+  if (rf64) {
+    Put32(header + 4, 0xFFFFFFFF);
+    Put32(header + headerSize - 4, 0xFFFFFFFF);
+  }
+  SetSizes(sampleCount ? announcedBytes : 0xFFFFFF00u);
   valid = Send(true, header, headerSize, -1, false);
   return valid;
 }
@@ -120,7 +148,7 @@ bool TWavWriter::Finish() {
     frames++;
   }
   if (!(frames == sampleCount && frames != 0)) {
-    SetSizes(uint32_t(frames * blockAlign));
+    SetSizes(frames * blockAlign);
     for (auto& up : upStreams) {
       UpStreamRef target;
       ISeekableUpStream* seekable = FindSeekable(up, target);
@@ -139,7 +167,7 @@ bool TWavWriter::Finish() {
     }
   }
   if (!FinishUpStreams()) return false;
-  if (bytesWritten >= 0x7FFFFFFF) {
+  if (bytesWritten >= 0x7FFFFFFF && !rf64) {
     Log(1, bytesWritten >= 0xFFFFFFFF ? "Caution: The WAV file is bigger than 4GB."
                                       : "Caution: The WAV file is bigger than 2GB.");
     Log(1, "Some WAV readers might not be able to handle this file correctly.");

@@ -1,5 +1,6 @@
 // TWavWriter: puts a RIFF/WAVE header (plain or extensible) in front of PCM and corrects its
 // sizes at the end, going back through the destination when the announced length was wrong.
+// Data announced beyond 4 GiB is written as RF64 (a ds64 chunk holds the 64-bit sizes).
 #pragma once
 
 #include "framework/upstream.h"
@@ -27,7 +28,7 @@ public:
   bool Finish() override;
 
 private:
-  void SetSizes(uint32_t dataBytes);
+  void SetSizes(uint64_t dataBytes);
 
   bool extensible;
   uint32_t channelMask;
@@ -36,7 +37,8 @@ private:
   uint64_t bytesWritten = 0;
   uint64_t sampleCount = 0;
   uint32_t blockAlign = 0;
-  uint8_t header[68] = {};
+  uint8_t header[68 + 36] = {};
+  bool rf64 = false;
   uint32_t headerSize = 0;
 };
 

@@ -219,3 +219,56 @@ TEST(WavWriter, ChannelNamesOfMonoFiles) {
 
 }  // namespace
 }  // namespace sonvex::test
+
+namespace sonvex::test {
+namespace {
+
+// Data announced beyond 4 GiB: RF64 with a ds64 chunk; the sizes are corrected at the end, and
+// both ffprobe and our reader take the file.
+TEST(WavWriter, Rf64ForDataBeyondFourGiB) {
+  auto writer = TWavWriter::Create(false, 0, false);
+  auto memory = TMemoryFile::Create();
+  writer->SetUpStream(memory);
+  writer->SetSilent(true);
+  const int64_t frames = 0x50000000;  // 5 GiB of 16-bit stereo announced
+  ASSERT_TRUE(writer->InitAudio("pcm", 2, 16, 48000, false, frames));
+  ASSERT_EQ(memory->bytes.size(), 80u);
+  EXPECT_EQ(std::string(memory->bytes.begin(), memory->bytes.begin() + 4), "RF64");
+  EXPECT_EQ(std::string(memory->bytes.begin() + 12, memory->bytes.begin() + 16), "ds64");
+  EXPECT_EQ(Le64(&memory->bytes[28]), uint64_t(frames) * 4);
+  std::vector<uint8_t> data(4 * 4800, 1);
+  ASSERT_TRUE(writer->Write(0, false, data.data(), uint32_t(data.size()), -1, false));
+  ASSERT_TRUE(writer->Finish());
+  EXPECT_EQ(Le32(&memory->bytes[4]), 0xFFFFFFFFu);
+  EXPECT_EQ(Le64(&memory->bytes[28]), data.size());
+  EXPECT_EQ(Le64(&memory->bytes[36]), 4800u);
+  ReadResult r = ReadWav(memory->bytes, 50);
+  ASSERT_TRUE(r.ok);
+  EXPECT_EQ(r.capture->audioInits.at(0).totalSize, 4800);
+  EXPECT_EQ(r.capture->bytes, data);
+  if (HaveTool("ffprobe")) {
+    std::string name = TempName("rf64.wav");
+    WriteFile(name, memory->bytes);
+    auto out = RunCommand("ffprobe -v error -show_entries stream=duration_ts -of csv=p=0 '" +
+                          name + "'");
+    EXPECT_EQ(std::string(out.begin(), out.end()), "4800\n");
+  }
+}
+
+// A stream of 2 GiB or more is read by its real length, whatever the data chunk says.
+TEST(WavReader, LongStreamsGoByTheirRealLength) {
+  std::vector<uint8_t> payload(64, 2);
+  auto file = PcmWav(2, 16, payload);
+  auto reader = TWavReader::Create();
+  auto capture = TCapture::Create();
+  reader->SetUpStream(capture);
+  reader->SetSilent(true);
+  const int64_t streamBytes = 5000000000;
+  ASSERT_TRUE(reader->InitAudio("?", 1, 8, 0, false, streamBytes));
+  ASSERT_TRUE(reader->Write(0, false, file.data(), uint32_t(file.size()), -1, false));
+  ASSERT_EQ(capture->audioInits.size(), 1u);
+  EXPECT_EQ(capture->audioInits[0].totalSize, (streamBytes - 44) / 4);
+}
+
+}  // namespace
+}  // namespace sonvex::test
