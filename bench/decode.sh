@@ -19,7 +19,7 @@ if [ ! -s "$thd" ]; then
   ffmpeg -nostdin -loglevel error -y \
     -f lavfi -i "anoisesrc=r=96000:a=0.1:c=pink:d=60" \
     -f lavfi -i "sine=f=440:r=96000:d=60" \
-    -filter_complex "[0][1]amix=inputs=2,pan=5.1|FL=c0|FR=0.9*c0|FC=0.5*c0|LFE=0.2*c0|SL=0.7*c0|SR=0.6*c0" \
+    -filter_complex "[0][1]amix=inputs=2,pan=5.1(side)|FL=c0|FR=0.9*c0|FC=0.5*c0|LFE=0.2*c0|SL=0.7*c0|SR=0.6*c0" \
     -c:a truehd -strict -2 -sample_fmt s32 "$thd"
 fi
 dts="$work/xll_looped.dts"
