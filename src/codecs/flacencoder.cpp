@@ -104,9 +104,10 @@ bool TFlacEncoder::InitAudio(const std::string& format, uint32_t inChannels, uin
             FLAC__stream_encoder_set_verify(encoder, true);
   if (ok && totalSize > 0)
     ok = FLAC__stream_encoder_set_total_samples_estimate(encoder, uint64_t(totalSize));
-  if (ok && !metadataTaken && source) {
+  auto decoder = source.lock();
+  if (ok && !metadataTaken && decoder) {
     metadataTaken = true;
-    auto& blocks = source->Metadata();
+    auto& blocks = decoder->Metadata();
     if (!blocks.empty())
       ok = FLAC__stream_encoder_set_metadata(
           encoder, const_cast<FLAC__StreamMetadata**>(blocks.data()), uint32_t(blocks.size()));

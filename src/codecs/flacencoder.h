@@ -48,7 +48,8 @@ private:
   bool headerDone = false;
   bool metadataTaken = false;
   bool formatReceived = false;
-  std::shared_ptr<IFlacDecoder> source;
+  // Weak: the decoder usually stands ahead of this stage in the same chain and holds it.
+  std::weak_ptr<IFlacDecoder> source;
 };
 
 }  // namespace sonvex

@@ -21,6 +21,9 @@ struct TAudioBuild {
   std::vector<UpStreamRef> stripStages;  // out: TStripTo16bit stages of the twin outputs
   // Makes the file stage of a destination name; empty: TDestFile. Tests put a capture here.
   std::function<UpStreamRef(const std::string& name)> makeDestination;
+  // A FLAC decoder in the input half, whose metadata a FLAC destination copies; found by
+  // BuildDecodedOutputs when not set.
+  UpStreamRef flacSource;
 };
 
 // Logs "This audio conversion is not supported." through `logger` and returns false if the

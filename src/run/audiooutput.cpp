@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "codecs/flacdecoder.h"
 #include "codecs/flacencoder.h"
 #include "codecs/libavdecoder.h"
 #include "codecs/wavwriter.h"
@@ -56,6 +57,13 @@ bool AppendDestination(const UpStreamRef& chain, const std::string& name, TAudio
   UpStreamRef dest = MakeDestination(name, build);
   if (!dest) return Unsupported(chain);
   return chain->AppendUpStream(dest);
+}
+
+// The FLAC decoder among the stages from `chain` on, following first upstreams.
+UpStreamRef FindFlacDecoder(const UpStreamRef& chain) {
+  for (UpStreamRef stage = chain; stage; stage = stage->GetUpStream(0))
+    if (Query<IFlacDecoder>(stage)) return stage;
+  return nullptr;
 }
 
 bool IsLossless(const std::string& ext) {
@@ -181,7 +189,8 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
     return AppendDestination(chain, name, build);
   }
   if (ext == ".flac") {
-    if (!chain->AppendUpStream(TFlacEncoder::Create(8, nullptr))) return false;
+    auto source = Query<IFlacDecoder>(build.flacSource ? build.flacSource : FindFlacDecoder(chain));
+    if (!chain->AppendUpStream(TFlacEncoder::Create(8, source))) return false;
     return AppendDestination(chain, name, build);
   }
   return AppendDestination(chain, name, build);
@@ -190,6 +199,7 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
 bool BuildDecodedOutputs(const UpStreamRef& chain,
                          const std::shared_ptr<IAudioFormatDetails>& details, TAction& action,
                          TAudioBuild& build) {
+  if (!build.flacSource) build.flacSource = FindFlacDecoder(chain);
   TAudioBlock block;
   block.format = "pcm";
   block.channels = details->Channels();

@@ -31,16 +31,13 @@ int32_t Read16(const std::vector<uint8_t>& v, size_t i) {
   return int16_t(uint16_t(v[2 * i] | v[2 * i + 1] << 8));
 }
 
-// The noise cache goes to a folder of the test's own.
-class ScopedCache {
-public:
-  ScopedCache() {
-    dir = std::filesystem::temp_directory_path() / ("sonvex_noise_" + std::to_string(getpid()));
-    std::filesystem::create_directories(dir);
-    setenv("XDG_CACHE_HOME", dir.c_str(), 1);
-  }
-  std::filesystem::path dir;
-};
+// The noise table is built once per process: the cache goes to a folder of the test binary's own,
+// set before any test runs.
+const bool cacheMoved = [] {
+  auto dir = std::filesystem::temp_directory_path() / ("sonvex_noise_" + std::to_string(getpid()));
+  std::filesystem::create_directories(dir);
+  return setenv("XDG_CACHE_HOME", dir.c_str(), 1) == 0;
+}();
 
 TEST(Ripemd160, KnownDigests) {
   auto hex = [](const std::array<uint8_t, 20>& d) {
@@ -188,7 +185,8 @@ TEST(BitdepthReducer, RefusesTargetsOutsideEightToTwentyFour) {
 // -down16 with dither: each sample within 2 LSB of the exact value, and the error (noise plus
 // rounding) triangular over -1..+1 LSB: variance 1/6 + 1/12 LSB^2, no bias, no values beyond.
 TEST(BitdepthReducer, DitherIsTriangularAndWithinTwoLsb) {
-  ScopedCache cache;
+  ASSERT_TRUE(cacheMoved);
+  ASSERT_NE(NoiseTable(), nullptr);
   const size_t count = 300000;  // longer than the table: exercises the wrap
   std::vector<int32_t> samples(count);
   uint32_t seed = 12345;
@@ -224,6 +222,35 @@ TEST(BitdepthReducer, DitherIsTriangularAndWithinTwoLsb) {
   EXPECT_NEAR(double(outcomes[2]) / count, 0.125, 0.01);
   EXPECT_TRUE(std::filesystem::exists(NoiseFileName()));
   EXPECT_EQ(std::filesystem::file_size(NoiseFileName()), 0x100000u);
+}
+
+}  // namespace
+}  // namespace sonvex::test
+
+#include "pcm/channelmodder.h"
+
+namespace sonvex::test {
+namespace {
+
+TEST(ChannelModder, TextMapsBlurayAndChecks) {
+  std::vector<std::string> lines;
+  SetLogHook([&](int, const std::string& t) { lines.push_back(t); });
+  auto modder = TChannelModder::Create("bluray");
+  auto capture = TCapture::Create();
+  modder->SetUpStream(capture);
+  ASSERT_TRUE(modder->InitAudio("pcm", 6, 8, 48000, false, 0));
+  std::vector<uint8_t> frames = {0, 1, 2, 3, 4, 5, 10, 11, 12, 13, 14};  // a frame and a part
+  ASSERT_TRUE(modder->Write(0, false, frames.data(), uint32_t(frames.size()), -1, false));
+  EXPECT_EQ(capture->bytes, (std::vector<uint8_t>{0, 1, 2, 5, 3, 4}));
+  ASSERT_TRUE(modder->Write(0, false, frames.data() + 5, 1, -1, false));
+  EXPECT_EQ(capture->bytes.size(), 12u);
+  EXPECT_EQ(capture->bytes[9], 5);  // the held part completed by the next block
+  auto wrong = TChannelModder::Create(std::vector<uint32_t>{0, 2});
+  wrong->SetUpStream(TCapture::Create());
+  EXPECT_FALSE(wrong->InitAudio("pcm", 2, 16, 48000, false, 0));
+  SetLogHook(nullptr);
+  EXPECT_EQ(lines.front(), "Remapping channels...");
+  EXPECT_EQ(lines.back(), "The channel modder was started with incorrect parameters.");
 }
 
 }  // namespace
