@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 #include "framework/console.h"
 #include "pcm/bitdepthreducer.h"
@@ -32,11 +33,18 @@ int32_t Read16(const std::vector<uint8_t>& v, size_t i) {
 }
 
 // The noise table is built once per process: the cache goes to a folder of the test binary's own,
-// set before any test runs.
+// set before any test runs, and holds a noise file already, so the tests take the loading path
+// and don't spend seconds hashing.
 const bool cacheMoved = [] {
   auto dir = std::filesystem::temp_directory_path() / ("sonvex_noise_" + std::to_string(getpid()));
-  std::filesystem::create_directories(dir);
-  return setenv("XDG_CACHE_HOME", dir.c_str(), 1) == 0;
+  std::filesystem::create_directories(dir / "sonvex");
+  std::ofstream file(dir / "sonvex" / "white.noise", std::ios::binary);
+  uint64_t state = 0x9E3779B97F4A7C15ull;
+  for (int i = 0; i < 0x100000; i++) {
+    state ^= state << 13, state ^= state >> 7, state ^= state << 17;  // xorshift64
+    file.put(char(state >> 56));
+  }
+  return bool(file) && setenv("XDG_CACHE_HOME", dir.c_str(), 1) == 0;
 }();
 
 TEST(Ripemd160, KnownDigests) {
