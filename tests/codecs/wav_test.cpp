@@ -272,3 +272,19 @@ TEST(WavReader, LongStreamsGoByTheirRealLength) {
 
 }  // namespace
 }  // namespace sonvex::test
+
+#include "support/battery.h"
+
+namespace sonvex::test {
+namespace {
+
+TEST(WavReader, ParserBattery) {
+  std::vector<uint8_t> payload(3000);
+  for (size_t i = 0; i < payload.size(); i++) payload[i] = uint8_t(i * 31 + 5);
+  Bytes list;
+  list.Tag("LIST").U32(10).Raw(std::vector<uint8_t>(10, 'i'));
+  RunParserBattery([] { return TWavReader::Create(); }, PcmWav(2, 24, payload, list.v), payload);
+}
+
+}  // namespace
+}  // namespace sonvex::test
