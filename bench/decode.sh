@@ -26,7 +26,7 @@ dts="$work/xll_looped.dts"
 if [ ! -s "$dts" ]; then
   : > "$dts"
   i=0
-  while [ $i -lt 200 ]; do cat "$corpus/public/dts/xll_51_24_48_768.dts" >> "$dts"; i=$((i + 1)); done
+  while [ $i -lt 600 ]; do cat "$corpus/public/dts/xll_51_24_48_768.dts" >> "$dts"; i=$((i + 1)); done
 fi
 
 seconds() { # runs a command three times, prints the best wall time in seconds
