@@ -29,22 +29,31 @@ if [ ! -s "$dts" ]; then
   while [ $i -lt 600 ]; do cat "$corpus/public/dts/xll_51_24_48_768.dts" >> "$dts"; i=$((i + 1)); done
 fi
 
-seconds() { # runs a command three times, prints the best wall time in seconds
+# Runs a command three times; prints the best wall time and the best CPU time (user + system)
+# in seconds. On a shared machine the CPU time is the steadier of the two.
+measure() {
   best=""
+  bestCpu=""
   for run in 1 2 3; do
-    start=$(date +%s.%N)
-    "$@" >/dev/null 2>&1
-    end=$(date +%s.%N)
-    t=$(echo "$end - $start" | bc)
+    /usr/bin/time -f "%e %U %S" -o "$work/time.txt" "$@" >/dev/null 2>&1
+    read -r t u s < "$work/time.txt"
+    c=$(echo "$u + $s" | bc)
     if [ -z "$best" ] || [ "$(echo "$t < $best" | bc)" = 1 ]; then best=$t; fi
+    if [ -z "$bestCpu" ] || [ "$(echo "$c < $bestCpu" | bc)" = 1 ]; then bestCpu=$c; fi
   done
-  echo "$best"
+  echo "$best $bestCpu"
 }
 
-ours=$(seconds "$build/decode_bench" thd "$thd" "$work/ours.flac")
-theirs=$(seconds ffmpeg -nostdin -loglevel error -y -i "$thd" -c:a flac -compression_level 8 "$work/ffmpeg.flac")
-printf "TrueHD 96k 5.1 -> FLAC: sonvex %ss, ffmpeg %ss, ratio %.2f\n" "$ours" "$theirs" "$(echo "$ours / $theirs" | bc -l)"
+report() { # label, our "wall cpu", their "wall cpu"
+  set -- "$1" $2 $3
+  printf "%s: sonvex %ss (cpu %ss), ffmpeg %ss (cpu %ss), ratio wall %.2f, cpu %.2f\n" \
+    "$1" "$2" "$3" "$4" "$5" "$(echo "$2 / $4" | bc -l)" "$(echo "$3 / $5" | bc -l)"
+}
 
-ours=$(seconds "$build/decode_bench" dtsma "$dts" "$work/ours.wav")
-theirs=$(seconds ffmpeg -nostdin -loglevel error -y -f dts -i "$dts" -c:a pcm_s24le "$work/ffmpeg.wav")
-printf "DTS-HD MA 5.1 -> WAV:   sonvex %ss, ffmpeg %ss, ratio %.2f\n" "$ours" "$theirs" "$(echo "$ours / $theirs" | bc -l)"
+ours=$(measure "$build/decode_bench" thd "$thd" "$work/ours.flac")
+theirs=$(measure ffmpeg -nostdin -loglevel error -y -i "$thd" -c:a flac -compression_level 8 "$work/ffmpeg.flac")
+report "TrueHD 96k 5.1 -> FLAC" "$ours" "$theirs"
+
+ours=$(measure "$build/decode_bench" dtsma "$dts" "$work/ours.wav")
+theirs=$(measure ffmpeg -nostdin -loglevel error -y -f dts -i "$dts" -c:a pcm_s24le "$work/ffmpeg.wav")
+report "DTS-HD MA 5.1 -> WAV" "$ours" "$theirs"

@@ -157,3 +157,34 @@ TEST(Flac, TruncatedStreamEndsWithoutError) {
 
 }  // namespace
 }  // namespace sonvex::test
+
+namespace sonvex::test {
+namespace {
+
+// Without a seekable destination libFLAC can't go back to STREAMINFO: a stream announced with no
+// length keeps total samples 0, and the decoder announces 0. The header blocks go out marked.
+TEST(Flac, UnknownLengthOnAStreamingDestination) {
+  std::vector<uint8_t> pcm(2 * 2 * 4096);
+  for (size_t i = 0; i < pcm.size(); i++) pcm[i] = uint8_t(i * 3);
+  auto encoder = TFlacEncoder::Create();
+  auto capture = TCapture::Create();
+  encoder->SetUpStream(capture);
+  encoder->SetSilent(true);
+  ASSERT_TRUE(encoder->InitAudio("pcm", 2, 16, 44100, false, 0));
+  ASSERT_FALSE(capture->headers.empty());
+  EXPECT_TRUE(capture->headers.front());  // "fLaC" and STREAMINFO during init
+  size_t headerBlocks = capture->headers.size();
+  ASSERT_TRUE(encoder->Write(0, false, pcm.data(), uint32_t(pcm.size()), -1, false));
+  ASSERT_TRUE(encoder->Finish());
+  ASSERT_GT(capture->headers.size(), headerBlocks);
+  EXPECT_FALSE(capture->headers.back());
+  bool ok = false;
+  auto decoded = DecodeFlac(capture->bytes, 333, ok);
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(decoded->audioInits.at(0).totalSize, 0);
+  EXPECT_EQ(decoded->audioInits.at(0).sampleRate, 44100u);
+  EXPECT_EQ(decoded->bytes, pcm);
+}
+
+}  // namespace
+}  // namespace sonvex::test

@@ -66,6 +66,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"gen/mlp_20_48k.mlp", "mlp", 0, 2},
                       Case{"public/truehd/fba_2ch.mlp", "thd", 0, 2, "-f truehd"},
                       Case{"public/truehd/fba_atmos_obj.mlp", "thd", 0, 8, "-f truehd"},
+                      Case{"public/truehd/dts1_truehd_ac3_interleaved.thdac3", "thd", 0, 8,
+                           "-f truehd"},
                       Case{"public/dts/xll_51_24_48_768.dts", "dtsma", 0, 6},
                       Case{"public/dts/xll_51_16_192_768_0.dts", "dtsma", 0, 6},
                       Case{"public/dts/xll_71_24_48_768_0.dts", "dtsma", 0, 8},
