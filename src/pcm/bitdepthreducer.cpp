@@ -143,7 +143,7 @@ bool TBitdepthReducer::InitAudio(const std::string& format, uint32_t channels, u
     Log(0, "Reducing depth from " + std::to_string(inputDepth) + " to " + std::to_string(target) +
                " bits...");
   uint32_t container = (target + 7) / 8 * 8;
-  if (dither && inputDepth != target && !NoiseTable())
+  if (dither && inputDepth != target && !(noise = NoiseTable()))
     return Fail("The bitdepth reducer couldn't allocate enough memory.");
   return NotifyAudio(format, channels, container, sampleRate, bigEndian, totalSize);
 }
@@ -205,7 +205,7 @@ bool TBitdepthReducer::Write(SenderId, bool, const uint8_t* data, uint32_t size,
   const uint32_t outBytes = containerBits / 8;
   const int shift = int(inputDepth - target);
   const int pad = int(containerBits - target);
-  const int32_t* table = dither ? NoiseTable() : nullptr;
+  const int32_t* table = dither ? noise : nullptr;
   uint8_t* buffer = BufferData(0);
   // Pieces of at most one table half, so the noise pointer never runs off the table.
   uint32_t done = 0;
@@ -216,16 +216,16 @@ bool TBitdepthReducer::Write(SenderId, bool, const uint8_t* data, uint32_t size,
     // In-place with differing strides: the piece's output lands at `out` <= `in`. Move input
     // down first when the pieces would overlap out of order.
     if (out != in) std::memmove(out, in, size_t(count) * inBytes);
-    const int32_t* noise = table ? table + noisePosition : nullptr;
+    const int32_t* run = table ? table + noisePosition : nullptr;
     switch (inBytes * 10 + outBytes) {
-      case 21: Reduce<2, 1>(out, count, shift, pad, noise); break;
-      case 22: Reduce<2, 2>(out, count, shift, pad, noise); break;
-      case 31: Reduce<3, 1>(out, count, shift, pad, noise); break;
-      case 32: Reduce<3, 2>(out, count, shift, pad, noise); break;
-      case 33: Reduce<3, 3>(out, count, shift, pad, noise); break;
-      case 41: Reduce<4, 1>(out, count, shift, pad, noise); break;
-      case 42: Reduce<4, 2>(out, count, shift, pad, noise); break;
-      default: Reduce<4, 3>(out, count, shift, pad, noise); break;
+      case 21: Reduce<2, 1>(out, count, shift, pad, run); break;
+      case 22: Reduce<2, 2>(out, count, shift, pad, run); break;
+      case 31: Reduce<3, 1>(out, count, shift, pad, run); break;
+      case 32: Reduce<3, 2>(out, count, shift, pad, run); break;
+      case 33: Reduce<3, 3>(out, count, shift, pad, run); break;
+      case 41: Reduce<4, 1>(out, count, shift, pad, run); break;
+      case 42: Reduce<4, 2>(out, count, shift, pad, run); break;
+      default: Reduce<4, 3>(out, count, shift, pad, run); break;
     }
     noisePosition += count;
     if (noisePosition >= kNoiseEntries) noisePosition -= kNoiseEntries;

@@ -37,6 +37,7 @@ private:
   uint32_t target;
   bool dither;
   uint32_t noisePosition = 0;
+  const int32_t* noise = nullptr;  // the shared table, when dithering
 };
 
 }  // namespace sonvex
