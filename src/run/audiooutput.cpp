@@ -14,10 +14,7 @@
 #include "pcm/stripto16bit.h"
 #include "run/audiochain.h"
 
-#if __has_include("files/destfile.h")
 #include "files/destfile.h"
-#define SONVEX_HAVE_DESTFILE 1
-#endif
 
 namespace sonvex {
 namespace {
@@ -46,11 +43,7 @@ bool Unsupported(const UpStreamRef& chain) {
 
 UpStreamRef MakeDestination(const std::string& name, TAudioBuild& build) {
   if (build.makeDestination) return build.makeDestination(name);
-#ifdef SONVEX_HAVE_DESTFILE
   return TDestFile::Create(name);
-#else
-  return nullptr;
-#endif
 }
 
 bool AppendDestination(const UpStreamRef& chain, const std::string& name, TAudioBuild& build) {
@@ -71,47 +64,11 @@ bool IsLossless(const std::string& ext) {
          ext == ".lpcm";
 }
 
-// The decoder choice: the DirectShow decoders don't exist here, so their self test fails and
-// libav takes over, or the run fails when one of them was asked for by name.
-bool ChooseDecoder(const UpStreamRef& chain, const std::string& tag, TAction& action) {
-  bool ac3Family = tag == "ac3" || tag == "eac3";
-  bool dtsFamily = tag == "dts" || tag == "dtsma" || tag == "dtshr";
-  bool nero = (ac3Family && !action.useSonic && !action.useArcSoft && !action.useLibav) ||
-              (action.useNero && (dtsFamily || tag == "mp2" || tag == "thd"));
-  if (nero) {
-    if (action.useNero) {
-      chain->Log(2, "I'd like to use the Nero decoder, but it doesn't seem to work.");
-      return false;
-    }
-    chain->Log(0, "The Nero decoder doesn't seem to work, will use libav instead.");
-    action.useLibav = true;
-  }
-  if (action.useSonic) {
-    chain->Log(2, "I'd like to use the Sonic decoder, but it doesn't seem to work.");
-    return false;
-  }
-  if (dtsFamily && !action.useSonic && !action.useLibav && !action.useNero) {
-    if (action.useArcSoft) {
-      chain->Log(2, "I'd like to use the ArcSoft decoder, but it doesn't seem to work.");
-      return false;
-    }
-    chain->Log(0, "The ArcSoft and Sonic decoders don't seem to work, will use libav instead.");
-    action.useLibav = true;
-  }
-  if (action.useArcSoft) {
-    chain->Log(2, "I'd like to use the ArcSoft decoder, but it doesn't seem to work.");
-    return false;
-  }
-  action.useLibav = true;
-  return true;
-}
-
 }  // namespace
 
 bool AppendDecoder(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
                    TAction& action, TAudioBuild&) {
   const std::string tag = details->Format();
-  if (!ChooseDecoder(chain, tag, action)) return false;
   auto decoder = TLibavDecoder::CreateFor(tag);
   if (!decoder) {
     chain->Log(2, "Internal error - unknown audio input format!");
@@ -209,7 +166,8 @@ bool BuildDecodedOutputs(const UpStreamRef& chain,
   const std::string ext = ExtensionOf(action.dest);
   // A stream known to be 16 bits needs no twin: the stripper only takes 24-bit input.
   const bool toStdout = Lower(std::filesystem::path(action.dest).stem().string()) == "stdout";
-  if (!IsLossless(ext) || toStdout || block.bits == 16 ||
+  // Only decoded streams get twins; PCM that was never decoded keeps its depth.
+  if (!build.decoded || !IsLossless(ext) || toStdout || block.bits == 16 ||
       action.bits != 0 || action.reduceTo != 0) {
     block.bits = block.bits ? std::min(block.bits, 24u) : 24;
     return BuildAudioOutput(chain, block, action, "", build);

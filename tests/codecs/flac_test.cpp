@@ -9,7 +9,9 @@
 #include "codecs/wavreader.h"
 #include "framework/console.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 std::vector<uint8_t> EncodeWav(const std::vector<uint8_t>& wav, std::shared_ptr<IFlacDecoder> source = nullptr) {
@@ -156,9 +158,11 @@ TEST(Flac, TruncatedStreamEndsWithoutError) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 // Without a seekable destination libFLAC can't go back to STREAMINFO: a stream announced with no
@@ -187,4 +191,4 @@ TEST(Flac, UnknownLengthOnAStreamingDestination) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest

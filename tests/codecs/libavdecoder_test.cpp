@@ -8,7 +8,9 @@
 #include "framework/console.h"
 #include "pcm/bitdepthreducer.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 struct DecodeResult {
@@ -178,9 +180,11 @@ TEST(LibavDecoder, StreamThatNeverDecodesAnnouncesNothing) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 // Behind a seam of joined files the decoder restarts at the next major sync with the lossless
@@ -205,4 +209,4 @@ TEST(LibavDecoder, SeamOnTrueHdKeepsDecoding) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest

@@ -12,7 +12,9 @@
 
 #include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 
 inline std::string CorpusPath(const std::string& relative) {
   return std::string(SONVEX_CORPUS) + "/" + relative;
@@ -93,4 +95,4 @@ inline bool PushFile(IUpStream& head, const std::vector<uint8_t>& data, size_t p
   return head.Finish();
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest

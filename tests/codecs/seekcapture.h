@@ -6,7 +6,9 @@
 
 #include "framework/smallstages.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 
 class TMemoryFile : public TUpStream, public ISeekableUpStream {
 public:
@@ -35,4 +37,4 @@ public:
   int finished = 0;
 };
 
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest

@@ -10,7 +10,9 @@
 #include "framework/bitreader.h"
 #include "framework/console.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 // Little-endian byte writer for synthetic WAV files.
@@ -218,9 +220,11 @@ TEST(WavWriter, ChannelNamesOfMonoFiles) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 // Data announced beyond 4 GiB: RF64 with a ds64 chunk; the sizes are corrected at the end, and
@@ -271,11 +275,13 @@ TEST(WavReader, LongStreamsGoByTheirRealLength) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest
 
 #include "support/battery.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::codecstest {
+using namespace ::sonvex::test;
 namespace {
 
 TEST(WavReader, ParserBattery) {
@@ -287,4 +293,4 @@ TEST(WavReader, ParserBattery) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::codecstest

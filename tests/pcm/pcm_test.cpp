@@ -15,7 +15,9 @@
 #include "pcm/stripto16bit.h"
 #include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::pcmtest {
+using namespace ::sonvex::test;
 namespace {
 
 std::vector<uint8_t> Pack24(const std::vector<int32_t>& samples) {
@@ -233,11 +235,13 @@ TEST(BitdepthReducer, DitherIsTriangularAndWithinTwoLsb) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::pcmtest
 
 #include "pcm/channelmodder.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::pcmtest {
+using namespace ::sonvex::test;
 namespace {
 
 TEST(ChannelModder, TextMapsBlurayAndChecks) {
@@ -262,4 +266,4 @@ TEST(ChannelModder, TextMapsBlurayAndChecks) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::pcmtest
