@@ -301,7 +301,7 @@ TDtsFrameInfo ParseDtsFrame(const uint8_t* data, uint32_t size, bool dump, bool 
     // outdated layout; the current layout counts one byte more.
     if (first && (extId == 0 || extId == 3) && coreSize > 0xBE) {
       for (uint32_t offset = 0x60; offset < 0x60 + (coreSize - 0xBE); offset += 2) {
-        if (!DtsSyncAt(data, size, offset, kAssetTypes[3].bytes)) continue;
+        if (!DtsSyncAt(data, size, offset, kDtsXchSync)) continue;
         uint32_t n = data[offset + 4] * 4u + (data[offset + 5] >> 6);
         if (n <= 0x5D) continue;
         if (coreSize - offset == n) {

@@ -12,6 +12,8 @@ namespace sonvex {
 // The sync words of a core frame and of an extension substream, as they stand in the stream.
 constexpr uint8_t kDtsCoreSync[4] = {0x7F, 0xFE, 0x80, 0x01};
 constexpr uint8_t kDtsSubstreamSync[4] = {0x64, 0x58, 0x20, 0x25};
+// The sync of XCh (6.1 discrete) data inside a core frame.
+constexpr uint8_t kDtsXchSync[4] = {0x5A, 0x5A, 0x5A, 0x5A};
 
 // Smallest and largest core frame in bytes.
 constexpr uint32_t kDtsMinCoreSize = 95;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -89,7 +90,7 @@ inline std::vector<uint8_t> CoreFrame(const CoreFields& f) {
 inline std::vector<uint8_t> Substream(const uint8_t (&type)[4], uint32_t assetSize,
                                       uint32_t bits = 24, uint32_t rateCode = 12,
                                       uint32_t channels = 6, int sizeError = 0) {
-  const uint32_t headerSize = 16;
+  const uint32_t headerSize = 24;
   BitWriter w;
   w.Put(32, 0x64582025);          // sync
   w.Put(8, 0);                    // user defined bits
@@ -183,6 +184,41 @@ inline ReaderRun RunReader(const std::vector<uint8_t>& stream,
   if (ok) ok = reader->Finish();
   run.ok = ok;
   return run;
+}
+
+}  // namespace sonvex::test
+
+namespace sonvex::test {
+
+// Runs a command and returns what it printed on standard output.
+inline std::string Capture(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return out;
+  char chunk[4096];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
+  pclose(pipe);
+  return out;
+}
+
+// ffprobe's facts of the first audio stream as key -> value.
+inline std::map<std::string, std::string> ProbeFacts(const std::string& path) {
+  std::map<std::string, std::string> facts;
+  std::string text = Capture(
+      "ffprobe -v error -f dts -select_streams a:0 -show_entries "
+      "stream=profile,channels,sample_rate,bit_rate,bits_per_raw_sample -of default=nw=1 '" +
+      path + "'");
+  size_t at = 0;
+  while (at < text.size()) {
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(at, end - at);
+    size_t eq = line.find('=');
+    if (eq != std::string::npos) facts[line.substr(0, eq)] = line.substr(eq + 1);
+    at = end + 1;
+  }
+  return facts;
 }
 
 }  // namespace sonvex::test
