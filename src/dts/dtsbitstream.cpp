@@ -354,7 +354,8 @@ TDtsFrameInfo ParseDtsFrame(const uint8_t* data, uint32_t size, bool dump, bool 
         result = 2;
         break;
       } else {
-        result = 1;
+        // An inconsistent substream keeps its own result; anything else is no DTS-HD at all.
+        result = sub.result == 3 ? 3 : 1;
         break;
       }
     }

@@ -226,7 +226,7 @@ TEST(DtsExtension, CutOffAndInconsistent) {
   frame = core;
   frame.insert(frame.end(), bad.begin(), bad.end() - 4);
   frame = WithNext(frame);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 1);
+  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 3);
   // Not a substream at all, and a header shorter than its size fields.
   EXPECT_EQ(ParseExtensionSubstream(core.data(), uint32_t(core.size()), false).result, 1);
   EXPECT_EQ(ParseExtensionSubstream(sub.data(), 6, false).result, 2);
