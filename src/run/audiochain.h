@@ -35,4 +35,14 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
 bool BuildAudioChain(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
                      TAction& action, TAudioBuild& build);
 
+// The rules of the input half, apart for the run and its tests.
+// "-downmix" becomes down6 or down2 by the channel count; down6 and down2 are kept only where
+// they apply.
+void ApplyDownmixRule(TAction& action, uint32_t channels);
+// Whether the destination keeps the stream as it is (no decoding).
+bool KeepsCompressed(const IAudioFormatDetails& details, const TAction& action);
+// Picks the decoder for a stream of `tag` and records it in the action's decoder flags;
+// false (with its message logged through `logger`) when the decoder asked for can't be used.
+bool ChooseDecoder(IUpStream& logger, const std::string& tag, TAction& action);
+
 }  // namespace sonvex
