@@ -1,7 +1,8 @@
 // The DTS reader stage: sync search, frame checks, format announcement, padding removal.
 #include "dts/dtsreader.h"
 
-#include "framework/bitreader.h"
+#include <algorithm>
+
 #include "framework/console.h"
 
 namespace sonvex {
@@ -31,12 +32,8 @@ TDtsReader::TDtsReader(const std::string& gapFileName, const std::string& gapDat
       dumpHeaders(dumpHeaders),
       exactStart(exactStart),
       gapFileName(gapFileName) {
+  // Gap data that is given is being consumed by a gap realizer: no new gaps are collected.
   trackGaps = !gapFileName.empty() && gapData.empty();
-  for (size_t at = 0; at + 16 <= gapData.size(); at += 16) {
-    const uint8_t* record = reinterpret_cast<const uint8_t*>(gapData.data()) + at;
-    gaps.push_back({int64_t(Le64(record)), int64_t(Le64(record + 8))});
-  }
-  gapCount = int32_t(gaps.size());
 }
 
 bool TDtsReader::InitAudio(const std::string& format, uint32_t channels, uint32_t bitsPerSample,
@@ -56,9 +53,9 @@ void TDtsReader::DropBytes(uint32_t count) {
     pendingStamps.erase(pendingStamps.begin());
 }
 
-int64_t TDtsReader::FrameTicks() const {
+TFrameClock TDtsReader::Clock() const {
   uint32_t rate = sampleRate == 96000 ? 48000 : sampleRate;
-  return rate ? int64_t(10000) * samplesPerFrame * 1000 / rate : 0;
+  return {int64_t(10000) * samplesPerFrame * 1000, int64_t(rate)};
 }
 
 bool TDtsReader::SearchFirstFrame() {
@@ -179,7 +176,10 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
     framesChecked++;
     if (trackGaps && !pendingStamps.empty() && pendingStamps[0].offset <= 0) {
       if (sampleRate == 96000) sampleRate = 48000;
-      TrackGap();
+      int64_t stamp = pendingStamps[0].stamp;
+      while (!pendingStamps.empty() && pendingStamps[0].offset <= 0)
+        pendingStamps.erase(pendingStamps.begin());
+      tracker.AddStamp(stamp, framesSent, Clock());
     }
     const uint32_t frameSize = uint32_t(coreSize + extensionSize);
     valid = Send(false, buf, frameSize, -1, false);
@@ -194,10 +194,6 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
   return valid;
 }
 
-void TDtsReader::TrackGap() {}
-
-bool TDtsReader::WriteGapFile() { return true; }
-
 bool TDtsReader::Finish() {
   if (!valid) return false;
   if (!CheckUpStreams("DTS reader")) return false;
@@ -205,7 +201,16 @@ bool TDtsReader::Finish() {
   finishing = true;
   bool result = Write(0, false, nullptr, 0, -1, false);
   result = TUpStream::Finish() && result;
-  if (result && trackGaps) result = WriteGapFile();
+  if (result && trackGaps) {
+    // A discontinuity counts from 6/10 of a frame on, but never below 7 ms.
+    const TFrameClock clock = Clock();
+    const int64_t threshold = std::max<int64_t>(clock.FrameTicks() * 6 / 10, 70000);
+    if (!tracker.Finish(*this, gapFileName, framesChecked, clock, threshold, threshold,
+                        DelaySum())) {
+      valid = false;
+      result = false;
+    }
+  }
   return result;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ac3/gaptracker.h"
 #include "dts/dtsbitstream.h"
 #include "framework/smallstages.h"
 #include "framework/upstream.h"
@@ -30,6 +31,8 @@ public:
   bool Finish() override;
 
   bool HasTimestamps() override { return timestampsSeen; }
+  // The discontinuities found so far.
+  const std::vector<TGapEntry>& Gaps() const { return tracker.Entries(); }
   int32_t InitialDelay() override { return int32_t(initialDelayMicro / 1000); }
 
 private:
@@ -44,10 +47,8 @@ private:
   bool AnnounceFirstFrame(TDtsFrameInfo& info);
   // Removes `count` bytes from the front of the buffer and moves the stamps with them.
   void DropBytes(uint32_t count);
-  // Frame duration in ticks at the core rate.
-  int64_t FrameTicks() const;
-  void TrackGap();
-  bool WriteGapFile();
+  // Duration of a frame: samples at the core rate, which is 48 kHz for 96/24.
+  TFrameClock Clock() const;
 
   bool doubleFirstFrame;
   bool dumpHeaders;
@@ -60,8 +61,6 @@ private:
   bool formatReceived = false;
   bool paddingReported = false;
   bool exactStart;
-  int64_t timeBase = 0;
-  bool timeBaseSet = false;
   int64_t framesSent = 0;
   int64_t framesChecked = 0;
   uint32_t sampleRate = 0;
@@ -69,8 +68,7 @@ private:
   int64_t lastTimestamp = 0;
   std::vector<TPendingStamp> pendingStamps;
   bool trackGaps = false;
-  std::vector<TGapEntry> gaps;
-  int32_t gapCount = 0;
+  TGapTracker tracker;
   std::string gapFileName;
   // Offsets before this one hold no sync word; the next search resumes here.
   uint32_t searchFrom = 0;

@@ -2,6 +2,9 @@
 #include "dts/dtsreader.h"
 
 #include "dts/dtstestutil.h"
+#include <unistd.h>
+
+#include "framework/bitreader.h"
 #include "support/battery.h"
 
 namespace sonvex {
@@ -275,6 +278,55 @@ TEST(DtsReader, ParserBattery) {
   // The same with DTS-HD frames.
   auto hd = Repeat(HdFrame(kXll, 700), 8);
   test::RunParserBattery([] { return TDtsReader::Create(); }, hd, hd);
+}
+
+}  // namespace
+}  // namespace sonvex
+
+namespace sonvex {
+namespace {
+
+// A 40 s stream, each frame in its own block stamped as a demuxer would, with a jump of `jump`
+// ticks in the stamps from frame 500 (5.3 s) on.
+test::ReaderRun RunStamped(int64_t jump, const std::string& gapFile) {
+  auto frame = CoreFrame(CoreFields{});
+  const int frames = 3750;
+  test::ReaderRun run;
+  test::LogCollector collect(run.log);
+  run.reader = TDtsReader::Create(gapFile);
+  run.capture = test::TCapture::Create();
+  run.reader->AppendUpStream(run.capture);
+  bool ok = run.reader->InitAudio("?", 1, 8, 48000, false, int64_t(frame.size()) * frames);
+  for (int i = 0; ok && i < frames; i++) {
+    int64_t stamp = int64_t(i) * 10000 * 512 * 1000 / 48000 + (i >= 500 ? jump : 0);
+    ok = run.reader->Write(0, false, frame.data(), uint32_t(frame.size()), stamp, false);
+  }
+  run.ok = ok && run.reader->Finish();
+  return run;
+}
+
+TEST(DtsReaderGaps, GapIsReportedAndWritten) {
+  const std::string gapFile =
+      (std::filesystem::temp_directory_path() / ("sonvex_dts_gaps_" + std::to_string(getpid()))).string();
+  auto run = RunStamped(2000000, gapFile);  // 200 ms
+  ASSERT_TRUE(run.ok);
+  EXPECT_TRUE(run.reader->HasTimestamps());
+  ASSERT_EQ(run.reader->Gaps().size(), 1u);
+  // The gap stands where the stamps resume, 5.53 s, shown rounded to whole seconds.
+  EXPECT_TRUE(run.Logged(1, "Audio has a gap of 200ms at playtime 0:00:06."));
+  EXPECT_TRUE(run.Logged(
+      1, "Please rerun the same sonvex command line. That will correct the gaps/overlaps."));
+  std::vector<uint8_t> bytes;
+  ASSERT_TRUE(test::ReadFile(gapFile, bytes));
+  ASSERT_EQ(bytes.size(), 16u);
+  EXPECT_EQ(int64_t(Le64(bytes.data() + 8)), 2000000);
+  // 6.8 ms is a drift (above 5 ms) but below the DTS threshold of 7 ms: nothing is reported, and
+  // the old file goes.
+  run = RunStamped(68000, gapFile);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.reader->Gaps().size(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(gapFile));
+  for (auto& line : run.log) EXPECT_NE(line.first, 1) << line.second;
 }
 
 }  // namespace
