@@ -48,6 +48,10 @@ bool TDtsReader::InitAudio(const std::string& format, uint32_t channels, uint32_
 
 void TDtsReader::DropBytes(uint32_t count) {
   RemoveData(0, count);
+  ShiftStamps(count);
+}
+
+void TDtsReader::ShiftStamps(uint32_t count) {
   for (auto& entry : pendingStamps) entry.offset -= count;
   while (pendingStamps.size() >= 2 && pendingStamps[1].offset <= 0)
     pendingStamps.erase(pendingStamps.begin());
@@ -127,9 +131,11 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
     if (!SearchFirstFrame()) return valid;
   }
 
-  while (valid && BufferFill(0) >= 13) {
-    const uint8_t* buf = BufferData(0);
-    const uint32_t fill = BufferFill(0);
+  // Frames are taken from the front one by one; the bytes they leave are removed in one go.
+  uint32_t consumed = 0;
+  while (valid && BufferFill(0) - consumed >= 13) {
+    const uint8_t* buf = BufferData(0) + consumed;
+    const uint32_t fill = BufferFill(0) - consumed;
     uint64_t coreSize = DtsCoreSize(buf), extensionSize = 0, padding = 0;
     if (coreSize < kDtsMinCoreSize || coreSize > kDtsMaxCoreSize)
       return Fail("This doesn't seem to be a valid DTS file.");
@@ -165,7 +171,7 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
     } else if (info.result > 0 || info.hasExtension != hasExtension) {
       if (finishing && fill < coreSize + extensionSize) {
         Log(1, "The last DTS frame is incomplete and thus gets skipped.");
-        SetBufferFill(0, 0);
+        consumed = BufferFill(0);
         break;
       }
       valid = false;
@@ -189,8 +195,11 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
       paddingReported = true;
       Log(0, "Removing DTS zero padding...");
     }
-    DropBytes(uint32_t(coreSize + extensionSize + padding));
+    consumed = uint32_t(std::min<uint64_t>(consumed + coreSize + extensionSize + padding,
+                                           BufferFill(0)));
+    ShiftStamps(uint32_t(coreSize + extensionSize + padding));
   }
+  RemoveData(0, consumed);
   return valid;
 }
 

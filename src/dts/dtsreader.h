@@ -47,6 +47,8 @@ private:
   bool AnnounceFirstFrame(TDtsFrameInfo& info);
   // Removes `count` bytes from the front of the buffer and moves the stamps with them.
   void DropBytes(uint32_t count);
+  // Moves the stamps' offsets with `count` bytes taken from the front.
+  void ShiftStamps(uint32_t count);
   // Duration of a frame: samples at the core rate, which is 48 kHz for 96/24.
   TFrameClock Clock() const;
 

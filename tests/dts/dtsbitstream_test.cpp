@@ -149,7 +149,9 @@ TEST(DtsCoreHeader, ExtensionAudio) {
     EXPECT_EQ(info.channels, channels) << id;
     EXPECT_EQ(info.sampleRate, rate) << id;
     EXPECT_EQ(info.formatName, name) << id;
-    if (channels == 7) EXPECT_EQ(info.channelText, "6.1");
+    if (channels == 7) {
+      EXPECT_EQ(info.channelText, "6.1");
+    }
   }
 }
 

@@ -76,12 +76,17 @@ TEST(DtsBitdepthPatcher, ResolutionBecomesTwentyFourKeepingEs) {
     ASSERT_TRUE(run.ok);
     const auto& out = run.capture->bytes;
     EXPECT_EQ((out[11] & 1u) * 4 + (out[12] >> 6), after) << before;
-    for (size_t i = 0; i < frame.size(); i++)
-      if (i != 11 && i != 12) ASSERT_EQ(out[i], frame[i]);
+    for (size_t i = 0; i < frame.size(); i++) {
+      if (i != 11 && i != 12) {
+        ASSERT_EQ(out[i], frame[i]);
+      }
+    }
     EXPECT_EQ(out[11] & 0xFE, frame[11] & 0xFE);
     EXPECT_EQ(out[12] & 0x7F, frame[12] & 0x7F);
     EXPECT_EQ(run.log.size(), before == 5 || before == 6 ? 0u : 1u);
-    if (!run.log.empty()) EXPECT_EQ(run.log[0].second, "Patching bitdepth to 24 bits...");
+    if (!run.log.empty()) {
+      EXPECT_EQ(run.log[0].second, "Patching bitdepth to 24 bits...");
+    }
   }
   // Master Audio is not patched.
   auto run = RunEdit(TDtsBitdepthPatcher::Create(), {}, "dtsma");

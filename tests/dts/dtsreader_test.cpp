@@ -75,8 +75,9 @@ TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
     EXPECT_EQ(std::to_string(details->SampleRate()), facts["sample_rate"]);
     EXPECT_EQ(details->SampleRate(), c.rate);
     EXPECT_EQ(details->Bits(), c.bits);
-    if (facts["bits_per_raw_sample"] != "N/A")
+    if (facts["bits_per_raw_sample"] != "N/A") {
       EXPECT_EQ(std::to_string(details->Bits()), facts["bits_per_raw_sample"]);
+    }
     if (details->Format() == "dts") {
       EXPECT_EQ(std::to_string(details->Bitrate()), facts["bit_rate"]);
     } else if (details->Format() == "dtsma") {
