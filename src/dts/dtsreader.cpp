@@ -69,14 +69,21 @@ bool TDtsReader::SearchFirstFrame() {
   bool undecided = false;
   for (; offset + 3 < fill && offset < kSearchLimit; offset++) {
     if (!DtsSyncAt(buf, fill, offset, kDtsCoreSync)) continue;
-    if (ParseDtsFrame(buf + offset, fill - offset, false, true).result == 0) {
+    const uint32_t available = fill - offset;
+    const int result = ParseDtsFrame(buf + offset, available, false, true).result;
+    if (result == 0) {
       DropBytes(offset);
       searchFrom = 0;
       return true;
     }
-    // This sync may still prove good with more data; the next search starts with it.
-    if (!undecided) searchFrom = offset;
-    undecided = true;
+    // A frame that runs past the data may still prove good with more of it; the next search
+    // starts with the first such sync. Other failures stay failures.
+    const bool mayGrow = result == 2 || available < kDtsMinCoreSize ||
+                         (available >= 8 && DtsCoreSize(buf + offset) > available);
+    if (mayGrow && !undecided) {
+      searchFrom = offset;
+      undecided = true;
+    }
   }
   if (offset >= kSearchLimit) return Fail("This doesn't seem to be a valid DTS stream.");
   if (!undecided) searchFrom = offset;

@@ -196,6 +196,13 @@ TEST(DtsReader, StartOfStream) {
     ASSERT_TRUE(run.ok) << piece;
     EXPECT_EQ(run.capture->bytes, frames);
   }
+  // Sync words with bad headers in front are stepped over, also when pushed byte by byte.
+  std::vector<uint8_t> falseSyncs;
+  for (int i = 0; i < 200; i++) falseSyncs.insert(falseSyncs.end(), {0x7F, 0xFE, 0x80, 0x01, 0, 0});
+  falseSyncs.insert(falseSyncs.end(), frames.begin(), frames.end());
+  run = RunReader(falseSyncs, TDtsReader::Create(), 1);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->bytes, frames);
   // No frame within the first 0x64000 bytes.
   std::vector<uint8_t> far(0x64000, 0x11);
   far.insert(far.end(), frames.begin(), frames.end());
