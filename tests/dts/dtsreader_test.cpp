@@ -197,7 +197,7 @@ TEST(DtsReader, StartOfStream) {
     EXPECT_EQ(run.capture->bytes, frames);
   }
   // Sync words with bad headers in front are stepped over, also when pushed byte by byte.
-  std::vector<uint8_t> falseSyncs;
+  std::vector<uint8_t> falseSyncs = {0x00};  // a stream that starts with a sync isn't searched
   for (int i = 0; i < 200; i++) falseSyncs.insert(falseSyncs.end(), {0x7F, 0xFE, 0x80, 0x01, 0, 0});
   falseSyncs.insert(falseSyncs.end(), frames.begin(), frames.end());
   run = RunReader(falseSyncs, TDtsReader::Create(), 1);
