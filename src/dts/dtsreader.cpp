@@ -62,31 +62,42 @@ TFrameClock TDtsReader::Clock() const {
   return {int64_t(10000) * samplesPerFrame * 1000, int64_t(rate)};
 }
 
+// The same as searching from offset 0 each time: offsets before `searchFrom` hold no sync word
+// or one whose frame failed for good; `undecidedSyncs` are those whose frame ran past the data
+// and may still prove good with more of it.
 bool TDtsReader::SearchFirstFrame() {
   const uint8_t* buf = BufferData(0);
   const uint32_t fill = BufferFill(0);
-  uint32_t offset = searchFrom;
-  bool undecided = false;
-  for (; offset + 3 < fill && offset < kSearchLimit; offset++) {
-    if (!DtsSyncAt(buf, fill, offset, kDtsCoreSync)) continue;
+  auto tryAt = [&](uint32_t offset) {
     const uint32_t available = fill - offset;
     const int result = ParseDtsFrame(buf + offset, available, false, true).result;
-    if (result == 0) {
-      DropBytes(offset);
-      searchFrom = 0;
-      return true;
-    }
-    // A frame that runs past the data may still prove good with more of it; the next search
-    // starts with the first such sync. Other failures stay failures.
+    if (result == 0) return 0;
     const bool mayGrow = result == 2 || available < kDtsMinCoreSize ||
                          (available >= 8 && DtsCoreSize(buf + offset) > available);
-    if (mayGrow && !undecided) {
-      searchFrom = offset;
-      undecided = true;
-    }
+    return mayGrow ? 2 : 1;
+  };
+  auto found = [&](uint32_t offset) {
+    DropBytes(offset);
+    searchFrom = 0;
+    undecidedSyncs.clear();
+    return true;
+  };
+  std::vector<uint32_t> stillUndecided;
+  for (uint32_t offset : undecidedSyncs) {
+    int verdict = tryAt(offset);
+    if (verdict == 0) return found(offset);
+    if (verdict == 2) stillUndecided.push_back(offset);
+  }
+  undecidedSyncs = std::move(stillUndecided);
+  uint32_t offset = searchFrom;
+  for (; offset + 3 < fill && offset < kSearchLimit; offset++) {
+    if (!DtsSyncAt(buf, fill, offset, kDtsCoreSync)) continue;
+    int verdict = tryAt(offset);
+    if (verdict == 0) return found(offset);
+    if (verdict == 2) undecidedSyncs.push_back(offset);
   }
   if (offset >= kSearchLimit) return Fail("This doesn't seem to be a valid DTS stream.");
-  if (!undecided) searchFrom = offset;
+  searchFrom = offset;
   return false;
 }
 
@@ -157,13 +168,17 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
            buf[coreSize + extensionSize + padding] == 0)
       padding++;
     if (fill < coreSize + extensionSize + padding + 8 && !finishing) break;
+    if (fill < waitFor && !finishing) break;
 
     TDtsFrameInfo info = ParseDtsFrame(buf, fill, formatAnnounced ? false : dumpHeaders,
                                        !formatAnnounced);
     // A substream larger than the short size said: wait for the rest of it.
     if (info.result == 2 && !finishing &&
-        uint64_t(info.coreSize) + info.extensionSize + 8 > fill)
+        uint64_t(info.coreSize) + info.extensionSize + 8 > fill) {
+      waitFor = uint64_t(info.coreSize) + info.extensionSize + 8;
       break;
+    }
+    waitFor = 0;
     if (info.result != 1) {
       coreSize = info.coreSize;
       extensionSize = info.extensionSize;

@@ -72,8 +72,13 @@ private:
   bool trackGaps = false;
   TGapTracker tracker;
   std::string gapFileName;
-  // Offsets before this one hold no sync word; the next search resumes here.
+  // Where the next search goes on, and the sync words behind which more data may still show a
+  // frame (see SearchFirstFrame).
   uint32_t searchFrom = 0;
+  std::vector<uint32_t> undecidedSyncs;
+  // Bytes the frame at the front needs before it is parsed again (its substreams are longer than
+  // their short size fields said).
+  uint64_t waitFor = 0;
 };
 
 }  // namespace sonvex
