@@ -1,17 +1,26 @@
 // The DTS gap realizer stage.
 #include "dts/dtsgaprealizer.h"
 
+#include <algorithm>
+
+#include "ac3/gaptracker.h"
 #include "dts/dtsbitstream.h"
-#include "framework/bitreader.h"
 
 namespace sonvex {
 
-TDtsGapRealizer::TDtsGapRealizer(const std::string& gapData) {
-  for (size_t at = 0; at + 16 <= gapData.size(); at += 16) {
-    const uint8_t* record = reinterpret_cast<const uint8_t*>(gapData.data()) + at;
-    entries.push_back({int64_t(Le64(record)), int64_t(Le64(record + 8))});
+namespace {
+// A damaged or foreign ".gaps" file must not make the stage loop for ever or overflow: times are
+// kept within about three years and one step within ten minutes of play time.
+constexpr int64_t kTimeLimit = int64_t(1) << 50;
+constexpr int64_t kStepLimit = int64_t(10) * 60 * 1000 * 10000;
+}  // namespace
+
+TDtsGapRealizer::TDtsGapRealizer(const std::string& gapData)
+    : entries(GapEntriesFromBlob(gapData)), entryIndex(entries.empty() ? -1 : 0) {
+  for (TGapEntry& entry : entries) {
+    entry.time = std::clamp(entry.time, -kTimeLimit, kTimeLimit);
+    entry.drift = std::clamp(entry.drift, -kTimeLimit, kTimeLimit);
   }
-  entryIndex = entries.empty() ? -1 : 0;
 }
 
 bool TDtsGapRealizer::InitAudio(const std::string& format, uint32_t channels,
@@ -26,7 +35,7 @@ bool TDtsGapRealizer::InitAudio(const std::string& format, uint32_t channels,
 }
 
 int64_t TDtsGapRealizer::FramesOf(int64_t ticks) const {
-  return (ticks * int64_t(sampleRate / 100) / 10 / int64_t(samplesPerFrame) + 5000) / 10000;
+  return int64_t((__int128(ticks) * (sampleRate / 100) / 10 / samplesPerFrame + 5000) / 10000);
 }
 
 bool TDtsGapRealizer::SendNewest(uint32_t n) {
@@ -103,7 +112,9 @@ bool TDtsGapRealizer::Write(SenderId sender, bool isHeader, const uint8_t* data,
         framesUntilGap = e.drift > 0 ? FramesOf(e.time - e.drift) : FramesOf(e.time);
         if (framesUntilGap < framesPassed) framesUntilGap = framesPassed;
         framesUntilGap -= framesPassed;
-        framesToInsert = e.drift > 0 ? FramesOf(e.drift) : e.drift < 0 ? -FramesOf(-e.drift) : 0;
+        framesToInsert = e.drift > 0   ? FramesOf(std::min(e.drift, kStepLimit))
+                         : e.drift < 0 ? -FramesOf(std::min(-e.drift, kStepLimit))
+                                       : 0;
         if (framesToInsert > 0 && framesAdjusted > framesToInsert) framesToInsert = framesAdjusted;
         if (framesToInsert < 0 && framesAdjusted < framesToInsert) framesToInsert = framesAdjusted;
         framesToInsert -= framesAdjusted;

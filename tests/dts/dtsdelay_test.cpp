@@ -208,3 +208,23 @@ TEST(DtsGapRealizer, PassThroughAndEmptyBlocks) {
 
 }  // namespace
 }  // namespace sonvex
+
+namespace sonvex {
+namespace {
+
+// Values no tracker writes end neither in an overflow nor in a stage that runs for ever: one
+// step is held to ten minutes of play time.
+TEST(DtsGapRealizer, WildGapFileIsBounded) {
+  std::string blob(16, '\0');
+  for (int64_t value : {INT64_MAX, INT64_MAX, INT64_MIN, INT64_MIN})
+    for (int i = 0; i < 8; i++) blob += char(uint64_t(value) >> (8 * i) & 0xFF);
+  CoreFields small;
+  small.coreSize = 96;
+  auto run = RunGaps(blob, Frames(3, false, small));
+  const uint64_t tenMinutes = 10 * 60 * 48000 / 512;
+  EXPECT_LE(run.capture->bytes.size(), (tenMinutes + 3) * 96);
+  EXPECT_GE(run.capture->bytes.size(), tenMinutes * 96);
+}
+
+}  // namespace
+}  // namespace sonvex
