@@ -6,9 +6,9 @@
 namespace sonvex {
 namespace {
 
-using test::CoreFields;
-using test::CoreFrame;
-using test::Substream;
+using dtstest::CoreFields;
+using dtstest::CoreFrame;
+using dtstest::Substream;
 
 constexpr uint8_t kXll[4] = {0x41, 0xA2, 0x95, 0x47};
 constexpr uint8_t kXbr[4] = {0x65, 0x5E, 0x31, 0x5E};
@@ -244,7 +244,7 @@ TEST(DtsExtension, PaddingIsCounted) {
 TEST(DtsDump, CoreAndSubstreamLines) {
   std::vector<std::pair<int, std::string>> lines;
   {
-    test::LogCollector collect(lines);
+    dtstest::LogCollector collect(lines);
     CoreFields f;
     f.crc = true;
     f.dialnorm = 3;

@@ -7,9 +7,9 @@
 namespace sonvex {
 namespace {
 
-using test::CoreFields;
-using test::CoreFrame;
-using test::TCapture;
+using dtstest::CoreFields;
+using dtstest::CoreFrame;
+using dtstest::TCapture;
 
 // Frames told apart by their fill byte (the frame's number) and, if `sizes`, by their size.
 std::vector<std::vector<uint8_t>> Frames(int count, bool sizes = false, CoreFields f = {}) {
@@ -46,7 +46,7 @@ struct DelayRun {
 
 DelayRun RunDelay(int32_t delay, uint32_t rate, const std::vector<std::vector<uint8_t>>& frames) {
   DelayRun run;
-  test::LogCollector collect(run.log);
+  dtstest::LogCollector collect(run.log);
   auto delayer = TDtsDelayer::Create();
   delayer->AppendUpStream(run.capture);
   delayer->SetDelay(0, delay);
@@ -99,7 +99,7 @@ TEST(DtsDelayer, NinetySixKhzCountsDoubleFrames) {
 
 TEST(DtsDelayer, Messages) {
   std::vector<std::pair<int, std::string>> lines;
-  test::LogCollector collect(lines);
+  dtstest::LogCollector collect(lines);
   auto delayer = TDtsDelayer::Create();
   delayer->AppendUpStream(TCapture::Create());
   auto frame = CoreFrame(CoreFields{});
@@ -138,7 +138,7 @@ struct GapRun {
 GapRun RunGaps(const std::string& gapData, const std::vector<std::vector<uint8_t>>& frames,
                uint32_t rate = 48000) {
   GapRun run;
-  test::LogCollector collect(run.log);
+  dtstest::LogCollector collect(run.log);
   auto realizer = TDtsGapRealizer::Create(gapData);
   realizer->AppendUpStream(run.capture);
   EXPECT_TRUE(realizer->InitAudio("dts", 6, 24, rate, false, 0));
@@ -196,7 +196,7 @@ TEST(DtsGapRealizer, PassThroughAndEmptyBlocks) {
   EXPECT_TRUE(capture->blocks.empty());
   // Messages.
   std::vector<std::pair<int, std::string>> lines;
-  test::LogCollector collect(lines);
+  dtstest::LogCollector collect(lines);
   EXPECT_FALSE(TDtsGapRealizer::Create("")->InitAudio("dts", 6, 24, 48000, false, 0));
   auto other = TDtsGapRealizer::Create("");
   other->AppendUpStream(TCapture::Create());

@@ -10,9 +10,9 @@
 namespace sonvex {
 namespace {
 
-using test::CoreFields;
-using test::CoreFrame;
-using test::TCapture;
+using dtstest::CoreFields;
+using dtstest::CoreFrame;
+using dtstest::TCapture;
 
 struct EditRun {
   bool ok = true;
@@ -24,7 +24,7 @@ struct EditRun {
 EditRun RunEdit(const UpStreamRef& stage, const std::vector<std::vector<uint8_t>>& frames,
                 const std::string& format = "dts") {
   EditRun run;
-  test::LogCollector collect(run.log);
+  dtstest::LogCollector collect(run.log);
   stage->AppendUpStream(run.capture);
   run.ok = stage->InitAudio(format, 6, 24, 48000, false, 0);
   for (auto& frame : frames)
@@ -114,7 +114,7 @@ TEST(DtsRepairer, RewritesTheOutdatedSizeField) {
   ASSERT_EQ(run.log.size(), 1u);
   EXPECT_EQ(run.log[0].second, "Correcting DTS-ES information...");
   auto right = EsFrame(offset, 1006 - offset - 1);
-  EXPECT_EQ(run.capture->bytes, test::Repeat(right, 2));
+  EXPECT_EQ(run.capture->bytes, dtstest::Repeat(right, 2));
   // A stream whose first frame is right is left alone, later frames too.
   run = RunEdit(TDtsRepairer::Create(), {right, outdated});
   ASSERT_TRUE(run.ok);
@@ -152,7 +152,7 @@ TEST(DtsEdits, FormatAndUpstreamMessages) {
     EXPECT_EQ(run.log.back().second, std::string("The ") + name + " received a non-supported data format.");
   }
   std::vector<std::pair<int, std::string>> lines;
-  test::LogCollector collect(lines);
+  dtstest::LogCollector collect(lines);
   auto lonely = TDtsCoreExtractor::Create();
   uint8_t byte = 0;
   EXPECT_FALSE(lonely->Write(0, false, &byte, 1, -1, false));
@@ -162,12 +162,12 @@ TEST(DtsEdits, FormatAndUpstreamMessages) {
 TEST(DtsCoreExtractor, CutsTheExtensionAndWarnsOnPlainDts) {
   auto frame = CoreFrame(CoreFields{});
   constexpr uint8_t kXll[4] = {0x41, 0xA2, 0x95, 0x47};
-  auto sub = test::Substream(kXll, 300);
+  auto sub = dtstest::Substream(kXll, 300);
   auto hd = frame;
   hd.insert(hd.end(), sub.begin(), sub.end());
   auto run = RunEdit(TDtsCoreExtractor::Create(), {hd, hd}, "dtsma");
   ASSERT_TRUE(run.ok);
-  EXPECT_EQ(run.capture->bytes, test::Repeat(frame, 2));
+  EXPECT_EQ(run.capture->bytes, dtstest::Repeat(frame, 2));
   EXPECT_EQ(run.capture->audioInits[0].format, "dts");
   EXPECT_EQ(run.log, (std::vector<std::pair<int, std::string>>{{0, "Extracting DTS core..."}}));
   run = RunEdit(TDtsCoreExtractor::Create(), {frame}, "dts");
@@ -214,23 +214,23 @@ std::vector<uint8_t> ExtractCore(const std::vector<uint8_t>& stream, bool edits)
 // The core of Master Audio and Hi-Res streams is the one that ffmpeg's dca_core filter cuts; with
 // the edits on it still decodes cleanly.
 TEST(DtsCoreExtractor, MatchesFfmpegCoreFilter) {
-  if (!std::filesystem::exists(test::CorpusPath("public/dts"))) GTEST_SKIP() << "no corpus";
-  if (!test::HaveTool("ffmpeg")) GTEST_SKIP() << "no ffmpeg";
+  if (!std::filesystem::exists(dtstest::CorpusPath("public/dts"))) GTEST_SKIP() << "no corpus";
+  if (!dtstest::HaveTool("ffmpeg")) GTEST_SKIP() << "no ffmpeg";
   TempDir dir;
   ASSERT_FALSE(dir.path.empty());
   for (const char* name : {"xll_51_24_48_768.dts", "xll_71_24_48_768_0.dts",
                            "xll_51_16_192_768_0.dts", "xbr_51_24_48_3840.dts",
                            "dts1_dtsma_51_16.dtshd"}) {
     SCOPED_TRACE(name);
-    const std::string source = test::CorpusPath(std::string("public/dts/") + name);
+    const std::string source = dtstest::CorpusPath(std::string("public/dts/") + name);
     const std::string oracle = dir.path + "/ffmpeg_core.dts";
     ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -y -f dts -i '" + source +
                            "' -c:a copy -bsf:a dca_core -f dts '" + oracle + "'")
                               .c_str()),
               0);
     std::vector<uint8_t> stream, expected;
-    ASSERT_TRUE(test::ReadFile(source, stream));
-    ASSERT_TRUE(test::ReadFile(oracle, expected));
+    ASSERT_TRUE(dtstest::ReadFile(source, stream));
+    ASSERT_TRUE(dtstest::ReadFile(oracle, expected));
     auto core = ExtractCore(stream, false);
     ASSERT_EQ(core.size(), expected.size());
     auto first = std::mismatch(core.begin(), core.end(), expected.begin());
@@ -241,7 +241,7 @@ TEST(DtsCoreExtractor, MatchesFfmpegCoreFilter) {
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(edited.data()), std::streamsize(edited.size()));
     std::string errors =
-        test::Capture("ffmpeg -nostdin -v error -f dts -i '" + path + "' -f null - 2>&1");
+        dtstest::Capture("ffmpeg -nostdin -v error -f dts -i '" + path + "' -f null - 2>&1");
     EXPECT_EQ(errors, "");
   }
 }

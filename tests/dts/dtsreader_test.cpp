@@ -10,11 +10,11 @@
 namespace sonvex {
 namespace {
 
-using test::CoreFields;
-using test::CoreFrame;
-using test::Repeat;
-using test::RunReader;
-using test::Substream;
+using dtstest::CoreFields;
+using dtstest::CoreFrame;
+using dtstest::Repeat;
+using dtstest::RunReader;
+using dtstest::Substream;
 
 constexpr uint8_t kXll[4] = {0x41, 0xA2, 0x95, 0x47};
 constexpr uint8_t kXbr[4] = {0x65, 0x5E, 0x31, 0x5E};
@@ -40,8 +40,8 @@ std::string NameOfProfile(const std::string& profile) {
 // Every raw DTS stream of the corpus: name, channels, bits, rate and bit rate as ffprobe sees
 // them, and as the file names give them ("<kind>_<layout>_<bits>_<kHz>_..." and "dts1_dtsma_51_16").
 TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
-  if (!std::filesystem::exists(test::CorpusPath("public/dts"))) GTEST_SKIP() << "no corpus";
-  if (!test::HaveTool("ffprobe")) GTEST_SKIP() << "no ffprobe";
+  if (!std::filesystem::exists(dtstest::CorpusPath("public/dts"))) GTEST_SKIP() << "no corpus";
+  if (!dtstest::HaveTool("ffprobe")) GTEST_SKIP() << "no ffprobe";
   struct Case {
     const char* file;
     const char* tag;
@@ -62,12 +62,12 @@ TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);
     std::vector<uint8_t> bytes;
-    ASSERT_TRUE(test::ReadFile(test::CorpusPath(c.file), bytes));
+    ASSERT_TRUE(dtstest::ReadFile(dtstest::CorpusPath(c.file), bytes));
     auto run = RunReader(bytes);
     ASSERT_TRUE(run.ok);
     EXPECT_EQ(run.capture->bytes, bytes);  // no padding in these: every byte is a frame's
     auto details = run.reader->AudioDetails();
-    auto facts = test::ProbeFacts(test::CorpusPath(c.file));
+    auto facts = dtstest::ProbeFacts(dtstest::CorpusPath(c.file));
     EXPECT_EQ(details->Format(), c.tag);
     EXPECT_EQ(details->Name(), NameOfProfile(facts["profile"]));
     EXPECT_EQ(std::to_string(details->Channels()), facts["channels"]);
@@ -96,7 +96,7 @@ TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
 // Hi-Res grows the core's rate by the extension's share, the product taken in 32 bits.
 TEST(DtsReaderCorpus, HiResBitrateFromFrameSizes) {
   std::vector<uint8_t> bytes;
-  if (!test::ReadFile(test::CorpusPath("public/dts/xbr_51_24_48_3840.dts"), bytes))
+  if (!dtstest::ReadFile(dtstest::CorpusPath("public/dts/xbr_51_24_48_3840.dts"), bytes))
     GTEST_SKIP() << "no corpus";
   auto run = RunReader(bytes);
   ASSERT_TRUE(run.ok);
@@ -251,19 +251,19 @@ TEST(DtsReader, OutdatedEsIsReported) {
 
 TEST(DtsReader, StageMessages) {
   std::vector<std::pair<int, std::string>> lines;
-  test::LogCollector collect(lines);
+  dtstest::LogCollector collect(lines);
   auto lonely = TDtsReader::Create();
   lonely->InitAudio("?", 1, 8, 48000, false, 0);
   uint8_t byte = 0;
   EXPECT_FALSE(lonely->Write(0, false, &byte, 1, -1, false));
   auto wrongFormat = TDtsReader::Create();
-  wrongFormat->AppendUpStream(test::TCapture::Create());
+  wrongFormat->AppendUpStream(dtstest::TCapture::Create());
   EXPECT_FALSE(wrongFormat->InitAudio("ac3", 6, 24, 48000, false, 0));
   auto noFormat = TDtsReader::Create();
-  noFormat->AppendUpStream(test::TCapture::Create());
+  noFormat->AppendUpStream(dtstest::TCapture::Create());
   EXPECT_FALSE(noFormat->Write(0, false, &byte, 1, -1, false));
   auto empty = TDtsReader::Create();
-  empty->AppendUpStream(test::TCapture::Create());
+  empty->AppendUpStream(dtstest::TCapture::Create());
   empty->InitAudio("dts", 1, 8, 48000, false, 0);
   EXPECT_FALSE(empty->Finish());
   const std::vector<std::pair<int, std::string>> expected = {
@@ -282,10 +282,10 @@ TEST(DtsReader, ParserBattery) {
     auto frame = CoreFrame(f);
     stream.insert(stream.end(), frame.begin(), frame.end());
   }
-  test::RunParserBattery([] { return TDtsReader::Create(); }, stream, stream);
+  dtstest::RunParserBattery([] { return TDtsReader::Create(); }, stream, stream);
   // The same with DTS-HD frames.
   auto hd = Repeat(HdFrame(kXll, 700), 8);
-  test::RunParserBattery([] { return TDtsReader::Create(); }, hd, hd);
+  dtstest::RunParserBattery([] { return TDtsReader::Create(); }, hd, hd);
 }
 
 }  // namespace
@@ -296,13 +296,13 @@ namespace {
 
 // A 40 s stream, each frame in its own block stamped as a demuxer would, with a jump of `jump`
 // ticks in the stamps from frame 500 (5.3 s) on.
-test::ReaderRun RunStamped(int64_t jump, const std::string& gapFile) {
+dtstest::ReaderRun RunStamped(int64_t jump, const std::string& gapFile) {
   auto frame = CoreFrame(CoreFields{});
   const int frames = 3750;
-  test::ReaderRun run;
-  test::LogCollector collect(run.log);
+  dtstest::ReaderRun run;
+  dtstest::LogCollector collect(run.log);
   run.reader = TDtsReader::Create(gapFile);
-  run.capture = test::TCapture::Create();
+  run.capture = dtstest::TCapture::Create();
   run.reader->AppendUpStream(run.capture);
   bool ok = run.reader->InitAudio("?", 1, 8, 48000, false, int64_t(frame.size()) * frames);
   for (int i = 0; ok && i < frames; i++) {
@@ -325,7 +325,7 @@ TEST(DtsReaderGaps, GapIsReportedAndWritten) {
   EXPECT_TRUE(run.Logged(
       1, "Please rerun the same sonvex command line. That will correct the gaps/overlaps."));
   std::vector<uint8_t> bytes;
-  ASSERT_TRUE(test::ReadFile(gapFile, bytes));
+  ASSERT_TRUE(dtstest::ReadFile(gapFile, bytes));
   ASSERT_EQ(bytes.size(), 16u);
   EXPECT_EQ(int64_t(Le64(bytes.data() + 8)), 2000000);
   // 6.8 ms is a drift (above 5 ms) but below the DTS threshold of 7 ms: nothing is reported, and

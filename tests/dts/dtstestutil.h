@@ -14,9 +14,13 @@
 
 #include "dts/dtsreader.h"
 #include "framework/console.h"
+#include "support/battery.h"
 #include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::dtstest {
+
+using test::RunParserBattery;
+using test::TCapture;
 
 class BitWriter {
 public:
@@ -186,9 +190,9 @@ inline ReaderRun RunReader(const std::vector<uint8_t>& stream,
   return run;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::dtstest
 
-namespace sonvex::test {
+namespace sonvex::dtstest {
 
 // Runs a command and returns what it printed on standard output.
 inline std::string Capture(const std::string& command) {
@@ -221,4 +225,4 @@ inline std::map<std::string, std::string> ProbeFacts(const std::string& path) {
   return facts;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::dtstest
