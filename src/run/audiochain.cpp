@@ -11,6 +11,13 @@
 #include "ac3/ac3reader.h"
 #include "ac3/eac3coreextractor.h"
 #include "ac3/gaptracker.h"
+#include "dts/dtsbitdepthpatcher.h"
+#include "dts/dtscoreextractor.h"
+#include "dts/dtsdelayer.h"
+#include "dts/dtsdialnormremover.h"
+#include "dts/dtsgaprealizer.h"
+#include "dts/dtsreader.h"
+#include "dts/dtsrepairer.h"
 #include "framework/smallstages.h"
 
 #include "files/destfile.h"
@@ -131,6 +138,31 @@ bool BuildAc3Input(const UpStreamRef& chain, const IAudioFormatDetails& details,
   return ok;
 }
 
+// "dts", "dtsma", "dtshr": reader, [core extractor], [dialnorm remover], [repairer], [bit depth
+// patcher], then gaps and delay for an untouched stream. libav decodes DTS-HD in full, so the
+// core is only taken out when asked for. The patcher takes "dts" and "dtshr" streams; Master
+// Audio gets it only behind the core extractor, where the stream is plain DTS.
+bool BuildDtsInput(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
+                   TAudioBuild& build, bool untouched) {
+  const std::string tag = details.Format();
+  const bool logDts = build.options && build.options->logDts;
+  bool ok = chain->AppendUpStream(
+      TDtsReader::Create(build.gapFileName, build.gapList, false, logDts, false));
+  const bool coreOnly = tag != "dts" && action.core;
+  if (ok && coreOnly) ok = chain->AppendUpStream(TDtsCoreExtractor::Create());
+  if (ok && !action.keepDialnorm) ok = chain->AppendUpStream(TDtsDialnormRemover::Create());
+  if (ok && !action.dontRepairDts) ok = chain->AppendUpStream(TDtsRepairer::Create());
+  if (ok && !action.dontPatchDts && (tag == "dts" || (tag == "dtsma" && coreOnly)))
+    ok = chain->AppendUpStream(TDtsBitdepthPatcher::Create());
+  if (ok && untouched) {
+    UpStreamRef realizer;
+    if (!build.gapList.empty())
+      realizer = TDtsGapRealizer::Create(GapDataForRealizer(build.gapList));
+    ok = AppendGapsAndDelay(chain, realizer, TDtsDelayer::Create(), action, build);
+  }
+  return ok;
+}
+
 using TInputBuilder = bool (*)(const UpStreamRef& chain, const IAudioFormatDetails& details,
                                TAction& action, TAudioBuild& build, bool untouched);
 // What leaves the input half: the stream as it is or decoded by libav (compressed families),
@@ -154,6 +186,7 @@ struct TInputRow {
 //   "pcm" and container forms:  TRawReader, [TEndianSwapper] (TOutputKind::AlwaysPcm)
 constexpr TInputRow kInputRows[] = {
     {"ac3|eac3", TOutputKind::Compressed, BuildAc3Input},
+    {"dts|dtsma|dtshr", TOutputKind::Compressed, BuildDtsInput},
 };
 
 const TInputRow* FindInputRow(const std::string& tag) {
