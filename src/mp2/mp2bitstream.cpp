@@ -35,14 +35,14 @@ int ParseMp2Frame(const uint8_t* data, uint32_t size, TMp2FrameInfo& info) {
   info = TMp2FrameInfo{};
   if (size < 3) return 1;
   BitReader reader(data, size);
-  uint32_t sync = reader.Read(11);       // syncword, 12 bits ...
-  uint32_t mpeg1 = reader.Read(1);       // ... and ID (1 = MPEG-1)
+  uint32_t sync = reader.Read(12);       // syncword
+  uint32_t mpeg1 = reader.Read(1);       // ID (1 = MPEG-1)
   uint32_t layerCode = reader.Read(2);   // layer: 3 = I, 2 = II, 1 = III
   reader.Skip(1);                        // protection_bit
   uint32_t rateIndex = reader.Read(4);   // bitrate_index
   uint32_t rateCode = reader.Read(2);    // sampling_frequency
   uint32_t padding = reader.Read(1);     // padding_bit
-  if (data[0] != 0xFF || sync != 0x7FF || !mpeg1 || (data[1] & 0xF8) != 0xF8) return 1;
+  if (data[0] != 0xFF || sync != 0xFFF || !mpeg1 || (data[1] & 0xF8) != 0xF8) return 1;
   if (layerCode == 0 || rateIndex == 15 || rateCode == 3) return 1;
 
   info.layer = 4 - layerCode;
