@@ -72,12 +72,27 @@ bool TMp2GapRealizer::InitAudio(const std::string& format, uint32_t channels,
   return valid;
 }
 
+namespace {
+
+// A gap file is read as it stands; values beyond these are held there, so that the arithmetic
+// can't overflow and one record can't ask for more than an hour of repeated frames.
+constexpr int64_t kMaxGapTime = int64_t(100) * 3600 * 10000000;  // 100 hours in ticks
+constexpr int64_t kMaxDrift = int64_t(3600) * 10000000;          // 1 hour in ticks
+
+int64_t Held(int64_t value, int64_t limit) {
+  return value > limit ? limit : value < -limit ? -limit : value;
+}
+
+}  // namespace
+
 int64_t TMp2GapRealizer::FramesOf(int64_t ticks) const {
   return ((ticks * int64_t(bitrate)) / 8000 / int64_t(frameSize) + 5000) / 10000;
 }
 
 void TMp2GapRealizer::NextEntry() {
-  const TGapEntry& entry = entries[size_t(entryIndex)];
+  TGapEntry entry = entries[size_t(entryIndex)];
+  entry.time = Held(entry.time, kMaxGapTime);
+  entry.drift = Held(entry.drift, kMaxDrift);
   framesUntilGap = entry.drift > 0 ? FramesOf(entry.time - entry.drift) : FramesOf(entry.time);
   if (framesUntilGap < framesPassed) framesUntilGap = framesPassed;
   framesUntilGap -= framesPassed;

@@ -308,3 +308,48 @@ TEST(ThdReader, InitialDelayInStepsOfFortySamples) {
 
 }  // namespace
 }  // namespace sonvex::test
+
+namespace sonvex::test {
+namespace {
+
+// 42 s of TrueHD stamped every 20 ms, with a 200 ms jump of the stamps at 5.12 s.
+TEST(ThdReader, GapInTheUnitTimeIsReportedAndWritten) {
+  SKIP_WITHOUT_CORPUS();
+  auto bytes = ReadBytes(CorpusPath("gen/truehd_20_48k.thd"));
+  auto units = WalkUnits(bytes);
+  ASSERT_EQ(units.size(), 7200u);
+  TScratch scratch;
+  std::string gapFile = scratch / "track.gaps";
+  for (bool withData : {false, true}) {
+    TLogLines log;
+    auto reader = TThdReader::Create(gapFile, withData ? std::string(32, '\0') : "", false, false);
+    auto capture = TCapture::Create();
+    reader->AppendUpStream(capture);
+    ASSERT_TRUE(reader->InitAudio("thd", 0, 0, 0, false, 0));
+    for (int64_t k = 0; k < 2100; k++) {
+      size_t first = size_t(k % 300) * 24;
+      size_t end = first + 24 < units.size() ? units[first + 24].offset : bytes.size();
+      int64_t stamp = k * 200000 + (k >= 256 ? 2000000 : 0);
+      ASSERT_TRUE(reader->Write(0, false, bytes.data() + units[first].offset,
+                                uint32_t(end - units[first].offset), stamp, false));
+    }
+    ASSERT_TRUE(reader->Finish());
+    EXPECT_EQ(capture->blocks.size(), 2100u * 24);
+    if (withData) {
+      EXPECT_FALSE(std::filesystem::exists(gapFile)) << "given gap data, no file is touched";
+      continue;
+    }
+    EXPECT_EQ(log.Count("Audio has a gap of 200ms at playtime 0:00:05."), 1);
+    EXPECT_EQ(log.Count("The audio file was demuxed without making use of the gap/overlap "
+                        "information."),
+              1);
+    auto file = ReadBytes(gapFile);
+    ASSERT_EQ(file.size(), 16u);
+    EXPECT_EQ(int64_t(Le64(file.data())), 53200000);     // 5.32 s of play time
+    EXPECT_EQ(int64_t(Le64(file.data() + 8)), 2000000);  // 200 ms of drift
+    std::filesystem::remove(gapFile);
+  }
+}
+
+}  // namespace
+}  // namespace sonvex::test
