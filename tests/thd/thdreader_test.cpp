@@ -95,6 +95,13 @@ TEST(ThdReader, ListsCorpusStreamsAndCopiesThemBitExact) {
     EXPECT_EQ(capture->audioInits[0].bits, details->Bits() ? details->Bits() : 24u);
     EXPECT_TRUE(capture->bytes == bytes) << "the stream isn't copied bit for bit";
 
+    // Format detection's strict prober takes the same streams.
+    auto prober = TThdReader::Create();
+    size_t head = std::min<size_t>(bytes.size(), 200000);
+    Drive(prober, Slice(bytes, 0, head), 16384, ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(prober->AudioDetails()->Description(), row.listing);
+
     uint32_t channels = 0, rate = 0, frames = 0;
     std::string name = std::filesystem::path(row.file).filename();
     if (ManifestFacts(name, channels, rate, frames)) {
