@@ -117,10 +117,11 @@ void TThdReader::TrackGap(int64_t framesSent, const TFrameClock& clock, int64_t&
     pendingStamps.erase(pendingStamps.begin());
   if (!timeBaseSet) {
     timeBaseSet = true;
-    timeBase = stamp - clock.TicksOf(framesSent);
+    timeBase = int64_t(uint64_t(stamp) - uint64_t(clock.TicksOf(framesSent)));
   }
   gapTracker.AddStamp(stamp, framesSent, clock);
-  sendPosition -= timeBase;
+  // Stamps come from the container; whatever they hold, the arithmetic wraps and never traps.
+  sendPosition = int64_t(uint64_t(sendPosition) - uint64_t(timeBase));
 }
 
 // Sends the AC-3 frame that stands at the front of the buffer.
