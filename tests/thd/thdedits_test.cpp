@@ -156,14 +156,15 @@ TEST(ThdDialnorm, PatchedMajorSyncsDecodeLikeTheOriginal) {
   if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg absent";
   TScratch scratch;
   WriteBytes(scratch / "patched.thd", capture->bytes);
-  auto decode = [](const std::string& path) {
-    return RunCommand("ffmpeg -v error -i '" + path + "' -f s32le - 2>&1 | md5sum");
+  // The decoder's complaints (a bad check word makes it drop units) go to a file of their own.
+  auto decode = [&scratch](const std::string& path) {
+    return RunCommand("ffmpeg -v error -i '" + path + "' -f s32le - 2>'" + scratch / "errors" +
+                      "' | md5sum");
   };
   std::string original = decode(source), patched = decode(scratch / "patched.thd");
   EXPECT_EQ(patched, original);
-  std::string errors = RunCommand("ffmpeg -v error -i '" + scratch / "patched.thd" +
-                                  "' -f null - 2>&1");
-  EXPECT_EQ(errors, "");
+  auto errors = ReadBytes(scratch / "errors");
+  EXPECT_EQ(std::string(errors.begin(), errors.end()), "");
 }
 
 // Object audio carries extension words in its major sync; the check word moves with them.
