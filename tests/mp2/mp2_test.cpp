@@ -345,5 +345,40 @@ TEST(Mp2GapRealizer, GapsRepeatAndOverlapsDrop) {
   EXPECT_EQ(log.Count("The mp2 gap realizer upstream property is not set."), 1);
 }
 
+// A damaged or hostile gap file: records far beyond any stream's length neither overflow nor
+// make the stage repeat frames without end.
+TEST(Mp2GapRealizer, RecordsBeyondReasonAreHeld) {
+  auto stream = Mp2Stream(Mp2Header(2, 11, 1, 0, 0), 672, 50);
+  for (TGapEntry record : {TGapEntry{INT64_MAX, INT64_MAX}, TGapEntry{INT64_MIN, INT64_MIN},
+                           TGapEntry{0, INT64_MAX}, TGapEntry{INT64_MAX, INT64_MIN}}) {
+    TLogLines quiet;
+    bool ok = false;
+    auto capture = FrameByFrame(TMp2GapRealizer::Create(GapData({record})), stream, 672, ok);
+    EXPECT_TRUE(ok);
+    // At most an hour of inserted frames (1 hour / 14 ms = 257143), and never a partial frame.
+    EXPECT_LE(capture->bytes.size(), size_t(672) * (50 + 257143));
+    EXPECT_EQ(capture->bytes.size() % 672, 0u);
+  }
+}
+
+// Reader and delayer on the generated stream: a delay of 100 ms repeats the first frame four
+// times (2800 bytes at 224 kbit/s, 4.17 frames of 672 bytes).
+TEST(Mp2Delayer, CorpusStreamDelayedByWholeFrames) {
+  SKIP_WITHOUT_CORPUS();
+  auto bytes = ReadBytes(CorpusPath("gen/mp2_20_224k.mp2"));
+  auto reader = TMp2Reader::Create("", "", false);
+  auto delayer = TMp2Delayer::Create();
+  reader->AppendUpStream(delayer);
+  reader->SetDelay(0, 100);
+  bool ok = false;
+  auto capture = Drive(reader, bytes, 16384, ok);
+  ASSERT_TRUE(ok);
+  std::vector<uint8_t> expected;
+  for (int i = 0; i < 4; i++) expected.insert(expected.end(), bytes.begin(), bytes.begin() + 672);
+  expected.insert(expected.end(), bytes.begin(), bytes.end());
+  EXPECT_TRUE(capture->bytes == expected);
+  EXPECT_EQ(capture->blocks.size(), 254u);
+}
+
 }  // namespace
 }  // namespace sonvex::test
