@@ -360,3 +360,47 @@ TEST(ThdReader, GapInTheUnitTimeIsReportedAndWritten) {
 
 }  // namespace
 }  // namespace sonvex::test
+
+namespace sonvex::test {
+namespace {
+
+// The Blu-ray TrueHD/AC3 payload repeated to 37 s, each AC-3 frame stamped with its play time,
+// and a 200 ms jump of the stamps at 5.12 s: the drift is measured on the AC-3 frames.
+TEST(ThdReader, GapInTheAc3TimeOfAnInterleavedTrack) {
+  SKIP_WITHOUT_CORPUS();
+  auto payload = ReadBytes(CorpusPath("public/truehd/dts1_truehd_ac3_interleaved.thdac3"));
+  // Where each AC-3 frame (1792 bytes, 448 kbit/s: 32 ms) starts.
+  std::vector<size_t> frames;
+  for (size_t at = 0; at + 8 <= payload.size();) {
+    bool ac3 = payload[at] == 0x0B && payload[at + 1] == 0x77;
+    if (ac3) frames.push_back(at);
+    at += ac3 ? 1792 : ThdUnitSize(payload.data() + at);
+  }
+  ASSERT_EQ(frames.size(), 29u);
+  TScratch scratch;
+  std::string gapFile = scratch / "track.gaps";
+  TLogLines log;
+  auto reader = TThdReader::Create(gapFile, "", true, false);
+  auto capture = TCapture::Create();
+  reader->AppendUpStream(capture);
+  ASSERT_TRUE(reader->InitAudio("thd/ac3", 0, 0, 0, false, 0));
+  int64_t k = 0;
+  for (int copy = 0; copy < 40; copy++) {
+    for (size_t i = 0; i < frames.size(); i++, k++) {
+      size_t end = i + 1 < frames.size() ? frames[i + 1] : payload.size();
+      int64_t stamp = k * 320000 + (k >= 160 ? 2000000 : 0);
+      ASSERT_TRUE(reader->Write(0, false, payload.data() + frames[i],
+                                uint32_t(end - frames[i]), stamp, false));
+    }
+  }
+  ASSERT_TRUE(reader->Finish());
+  EXPECT_EQ(reader->Ac3FramesSent(), 40 * 29);
+  EXPECT_EQ(log.Count("Audio has a gap of 200ms at playtime 0:00:05."), 1);
+  auto file = ReadBytes(gapFile);
+  ASSERT_EQ(file.size(), 16u);
+  EXPECT_EQ(int64_t(Le64(file.data())), 53200000);
+  EXPECT_EQ(int64_t(Le64(file.data() + 8)), 2000000);
+}
+
+}  // namespace
+}  // namespace sonvex::test
