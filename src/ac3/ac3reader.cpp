@@ -9,6 +9,7 @@ namespace sonvex {
 namespace {
 
 constexpr uint32_t kSearchLimit = 0x3000;   // junk allowed in front of the first frame
+constexpr uint32_t kSearchReserve = 0x8000;  // room for a first frame or unit behind the limit
 constexpr uint32_t kAc3MaxFrame = 3840;     // 1920 words
 constexpr uint32_t kDefaultFill = 4096;
 // An E-AC-3 unit holds at most 8 independent and 8 dependent substreams of 4 KiB each; a first
@@ -81,8 +82,11 @@ bool TAc3Reader::SearchFirstFrame(bool& found) {
       }
     }
   }
+  // A frame that starts just below the limit may still be incomplete: the stream is refused
+  // only once the buffer holds enough for any such frame, or at the end.
   if (!found) {
-    if (offset >= kSearchLimit) Fail("This doesn't seem to be a valid (E-)AC3 stream.");
+    if (offset >= kSearchLimit && (finishing || fill >= kSearchLimit + kSearchReserve))
+      Fail("This doesn't seem to be a valid (E-)AC3 stream.");
     return false;
   }
   DropFront(offset);

@@ -10,6 +10,14 @@
 
 namespace sonvex {
 
+// The twin-output stage that passes only what fits in 16 bits tells after the pass whether the
+// whole stream was 16-bit content.
+class IStripTo16bit {
+public:
+  virtual ~IStripTo16bit() = default;
+  virtual bool FoundOnly16Bit() = 0;
+};
+
 // What one audio build is told and what it reports back.
 struct TAudioBuild {
   const TOptions* options = nullptr;

@@ -6,7 +6,7 @@
 #include "ac3testutil.h"
 #include "framework/bitreader.h"
 
-namespace sonvex::test {
+namespace sonvex::ac3test {
 namespace {
 
 TEST(Ac3Bitstream, ParsesHeaderFieldsOfEveryChannelMode) {
@@ -203,7 +203,7 @@ TEST(Ac3Bitstream, TextHelpers) {
 // The check words of real frames (ffmpeg's encoder and two disc samples) must come out as they
 // stand in the stream, and the first five eighths with crc1 must have a CRC of zero.
 TEST(Ac3Bitstream, CrcsOfRealFrames) {
-  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_AC3_CORPUS();
   for (std::string name : {"gen/ac3_20_192k.ac3", "gen/ac3_51_448k.ac3",
                            "public/ac3/monsters_inc_5.1_448_small.ac3"}) {
     auto bytes = ReadBytes(CorpusDir() + "/" + name);
@@ -230,4 +230,4 @@ TEST(Ac3Bitstream, CrcsOfRealFrames) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::ac3test

@@ -15,8 +15,11 @@
 
 #include "ac3/ac3bitstream.h"
 #include "framework/console.h"
+#include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::ac3test {
+
+using namespace sonvex::test;
 
 class BitWriter {
 public:
@@ -137,8 +140,8 @@ inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& part, int n) {
 
 inline std::string CorpusDir() { return SONVEX_CORPUS; }
 inline bool HaveCorpus() { return std::filesystem::is_directory(CorpusDir()); }
-#define SKIP_WITHOUT_CORPUS() \
-  if (!::sonvex::test::HaveCorpus()) GTEST_SKIP() << "corpus folder absent"
+#define SKIP_WITHOUT_AC3_CORPUS() \
+  if (!::sonvex::ac3test::HaveCorpus()) GTEST_SKIP() << "corpus folder absent"
 
 inline std::vector<uint8_t> ReadBytes(const std::string& name) {
   std::ifstream in(name, std::ios::binary);
@@ -200,4 +203,4 @@ struct LogRecorder {
   std::vector<std::pair<int, std::string>> lines;
 };
 
-}  // namespace sonvex::test
+}  // namespace sonvex::ac3test
