@@ -6,6 +6,8 @@
 #include "files/detectorcandidates.h"
 
 #include "ac3/ac3reader.h"
+#include "mp2/mp2reader.h"
+#include "thd/thdreader.h"
 #include "video/h264reader.h"
 #include "video/mpeg2reader.h"
 #include "video/vc1reader.h"
@@ -34,12 +36,12 @@ UpStreamRef MakeAc3ReaderCandidate(TCandidateContext& context) {
 
 // Slot 4: TMp2Reader.
 UpStreamRef MakeMp2ReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TMp2Reader::Create();
 }
 
 // Slot 5: TThdReader.
 UpStreamRef MakeThdReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TThdReader::Create();
 }
 
 // Slot 6: TWavReader.
