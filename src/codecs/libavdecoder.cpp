@@ -47,7 +47,11 @@ TLibavDecoder::TLibavDecoder(int codecId, bool convert32To24, bool convertFloatT
                              bool survivesErrors)
     : survivesErrors(survivesErrors), convert32To24(convert32To24),
       convertFloatTo32(convertFloatTo32) {
-  const AVCodec* codec = avcodec_find_decoder(AVCodecID(codecId));
+  // MPEG audio has a fixed-point decoder (16 bits) and a float one: the float one keeps the
+  // precision that the 24-bit output can hold.
+  const AVCodec* codec =
+      codecId == AV_CODEC_ID_MP2 ? avcodec_find_decoder_by_name("mp2float") : nullptr;
+  if (!codec) codec = avcodec_find_decoder(AVCodecID(codecId));
   if (!codec) {
     Fail("The requested libav decoder was not found.");
     return;

@@ -10,6 +10,8 @@
 #include "codecs/wavdtsreader.h"
 #include "codecs/wavreader.h"
 #include "dts/dtsreader.h"
+#include "mp2/mp2reader.h"
+#include "thd/thdreader.h"
 #include "video/h264reader.h"
 #include "video/mpeg2reader.h"
 #include "video/vc1reader.h"
@@ -38,12 +40,12 @@ UpStreamRef MakeAc3ReaderCandidate(TCandidateContext& context) {
 
 // Slot 4: TMp2Reader.
 UpStreamRef MakeMp2ReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TMp2Reader::Create();
 }
 
 // Slot 5: TThdReader.
 UpStreamRef MakeThdReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TThdReader::Create();
 }
 
 // Slot 6: TWavReader.

@@ -19,6 +19,10 @@
 #include "dts/dtsreader.h"
 #include "dts/dtsrepairer.h"
 #include "framework/smallstages.h"
+#include "mp2/mp2edits.h"
+#include "mp2/mp2reader.h"
+#include "thd/thdedits.h"
+#include "thd/thdreader.h"
 
 #include "codecs/flacdecoder.h"
 #include "codecs/wavdtsreader.h"
@@ -86,8 +90,9 @@ constexpr TDestinationRule kCompressedDestinations[] = {
     {".mp2", "mp2"},
     {".ddp|.eac3|.dd+|.ec3", "eac3"},
     {".dts|.dtshd|.dtsma|.dtshr", "dts|dtsma|dtshr|dtswav"},
-    {".thd|.truehd", "thd"},
+    {".thd|.truehd", "thd|thd/ac3"},
     {".thd|.truehd|.mlp", "mlp"},
+    {".ac3", "thd/ac3"},  // the AC-3 part of a TrueHD/AC3 track, never decoded
 };
 
 // PCM destinations, where decoded data gets the twin outputs.
@@ -139,6 +144,19 @@ bool BuildAc3Input(const UpStreamRef& chain, const IAudioFormatDetails& details,
     if (!build.gapList.empty())
       realizer = TAc3GapRealizer::Create(GapDataForRealizer(build.gapList));
     ok = AppendGapsAndDelay(chain, realizer, TAc3Delayer::Create(), action, build);
+  }
+  return ok;
+}
+
+// "mp2": reader, then gaps and delay for an untouched stream.
+bool BuildMp2Input(const UpStreamRef& chain, const IAudioFormatDetails&, TAction& action,
+                   TAudioBuild& build, bool untouched) {
+  bool ok = chain->AppendUpStream(TMp2Reader::Create(build.gapFileName, build.gapList, false));
+  if (ok && untouched) {
+    UpStreamRef realizer;
+    if (!build.gapList.empty())
+      realizer = TMp2GapRealizer::Create(GapDataForRealizer(build.gapList));
+    ok = AppendGapsAndDelay(chain, realizer, TMp2Delayer::Create(), action, build);
   }
   return ok;
 }
@@ -207,6 +225,32 @@ bool BuildPcmInput(const UpStreamRef& chain, const IAudioFormatDetails& details,
   return ok;
 }
 
+// "thd", "mlp", "thd/ac3". A TrueHD/AC3 track to ".ac3" keeps its AC-3 part and goes on as
+// "ac3" (gaps measured on the AC-3 frames); to anything else it loses the AC-3 part first. A
+// "%check%" destination on such a track reads it and nothing more.
+bool BuildThdInput(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
+                   TAudioBuild& build, bool untouched) {
+  bool interleaved = details.Format() == "thd/ac3";
+  bool toAc3 = interleaved && ExtensionOf(action.dest) == ".ac3";
+  bool ok = chain->AppendUpStream(
+      TThdReader::Create(build.gapFileName, build.gapList, toAc3, false));
+  if (!ok || (interleaved && IsCheckName(action.dest))) return ok;
+  if (toAc3) {
+    ok = chain->AppendUpStream(TThdAc3Extractor::Create()) &&
+         chain->AppendUpStream(TAc3DialnormRemover::Create());
+    if (ok && untouched) {
+      UpStreamRef realizer;
+      if (!build.gapList.empty())
+        realizer = TAc3GapRealizer::Create(GapDataForRealizer(build.gapList));
+      ok = AppendGapsAndDelay(chain, realizer, TAc3Delayer::Create(), action, build);
+    }
+    return ok;
+  }
+  if (interleaved) ok = chain->AppendUpStream(TThdAc3Remover::Create());
+  if (ok && !action.keepDialnorm) ok = chain->AppendUpStream(TThdDialnormRemover::Create());
+  return ok;
+}
+
 using TInputBuilder = bool (*)(const UpStreamRef& chain, const IAudioFormatDetails& details,
                                TAction& action, TAudioBuild& build, bool untouched);
 // What leaves the input half: the stream as it is or decoded by libav (compressed families),
@@ -230,11 +274,13 @@ struct TInputRow {
 //   "pcm" and container forms:  TRawReader, [TEndianSwapper] (TOutputKind::AlwaysPcm)
 constexpr TInputRow kInputRows[] = {
     {"ac3|eac3", TOutputKind::Compressed, BuildAc3Input},
+    {"mp2", TOutputKind::Compressed, BuildMp2Input},
     {"dts|dtsma|dtshr", TOutputKind::Compressed, BuildDtsInput},
     {"dtswav", TOutputKind::Compressed, BuildDtsWavInput},
     {"flac", TOutputKind::AlwaysDecoded, BuildFlacInput},
     {"wav", TOutputKind::AlwaysPcm, BuildWavInput},
     {"pcm|evo/pcm|vob/pcm|ts/pcm|m2ts/pcm", TOutputKind::AlwaysPcm, BuildPcmInput},
+    {"thd|mlp|thd/ac3", TOutputKind::Compressed, BuildThdInput},
 };
 
 const TInputRow* FindInputRow(const std::string& tag) {

@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"public/eac3/csi_miami_5.1_256_spx_small.eac3", "eac3", 2, 6},
                       Case{"public/dts/core_51_24_48_768_0.dts", "dts", 2, 6, "-f dts"},
                       Case{"gen/dts_51_768k.dts", "dts", 2, 6},
-                      Case{"gen/mp2_20_224k.mp2", "mp2", 2, 2}));
+                      Case{"gen/mp2_20_224k.mp2", "mp2", 2, 2, "-c:a mp2float"}));
 
 // The TrueHD/MLP digest of the corpus: FNV-1a 64 over every sample as signed 32-bit LE.
 TEST(LibavDecoder, TrueHdDigestOfCorpus) {
