@@ -156,6 +156,7 @@ bool TTsDemuxer::HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p,
     if (left && !entry.Section) entry.Section.reset(new uint8_t[kTsSectionSize]());
     entry.SectionFill = 0;
     entry.SectionLeft = uint16_t(left ? left - skip : 0);
+    entry.ProgramHdmv = HasHdmvRegistration(packet + p + 12, std::min(skip, packetSize - p) - 12);
     p += skip;
   }
   if (entry.SectionLeft == 0 || p >= packetSize) return true;
@@ -190,6 +191,7 @@ bool TTsDemuxer::ParseStreams(TsPidEntry& entry) {
     }
     i += esLength;
     fill -= esLength;
+    if (reg.empty() && entry.ProgramHdmv) reg = "HDMV";
     Classify(pid, type, reg);
   }
   return valid;

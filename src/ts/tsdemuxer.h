@@ -33,6 +33,7 @@ private:
     uint16_t SectionLeft = 0;
     uint16_t SectionFill = 0;
     bool Started = false;
+    bool ProgramHdmv = false;  // the program carries the "HDMV" registration
     uint8_t Continuity = 0xFF;  // last counter; 0xFF: not seen yet
   };
 

@@ -1,6 +1,8 @@
 // Transport stream helpers: packet size test, descriptors, stream type classification.
 #include "ts/tspacket.h"
 
+#include <cstring>
+
 namespace sonvex {
 
 namespace {
@@ -100,6 +102,18 @@ uint8_t ApplyTsDescriptor(uint8_t type, uint8_t tag, const uint8_t* body, uint32
       break;
   }
   return type;
+}
+
+bool HasHdmvRegistration(const uint8_t* descriptors, uint32_t length) {
+  uint32_t i = 0;
+  while (i + 2 <= length) {
+    uint32_t size = descriptors[i + 1];
+    if (i + 2 + size > length) break;
+    if (descriptors[i] == 0x05 && size >= 4 && std::memcmp(descriptors + i + 2, "HDMV", 4) == 0)
+      return true;
+    i += 2 + size;
+  }
+  return false;
 }
 
 TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio) {

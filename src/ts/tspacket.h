@@ -26,6 +26,10 @@ TsProbe ProbeTsPacketSize(const uint8_t* data, uint32_t fill, uint32_t& probeCou
 uint8_t ApplyTsDescriptor(uint8_t type, uint8_t tag, const uint8_t* body, uint32_t length,
                           std::string& reg, std::string* text);
 
+// Whether a descriptor loop holds the registration "HDMV". Blu-ray authoring tools also put it on
+// each stream; some muxers put it only on the program, where it stands for all its streams.
+bool HasHdmvRegistration(const uint8_t* descriptors, uint32_t length);
+
 enum class TsClass { None, Video, Audio };
 
 struct TsStreamClass {

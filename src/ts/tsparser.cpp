@@ -127,8 +127,9 @@ bool TTsParser::HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, 
       // The header up to program_info_length and the program descriptors are skipped.
       uint32_t skip = (uint32_t(packet[p + 10] & 0x0F) << 8 | packet[p + 11]) + 12;
       entry.SectionLeft = uint16_t(left > skip ? left - skip : 0);
+      if (p + skip > packetSize) return Damaged("ES_info too big");
+      entry.ProgramHdmv = HasHdmvRegistration(packet + p + 12, skip - 12);
       p += skip;
-      if (p > packetSize) return Damaged("ES_info too big");
     }
   }
   if (entry.SectionLeft == 0) return true;
@@ -171,6 +172,7 @@ bool TTsParser::ParseStreams(TsPidEntry& entry) {
     }
     i += esLength;
     fill -= esLength;
+    if (reg.empty() && entry.ProgramHdmv) reg = "HDMV";
     Classify(pid, type, reg, listing ? &text : nullptr);
     if (listing) Log(0, text, true);
   }

@@ -40,6 +40,7 @@ private:
     uint16_t SectionLeft = 0;
     uint16_t SectionFill = 0;
     bool Started = false;
+    bool ProgramHdmv = false;  // the program carries the "HDMV" registration
   };
   struct TsTrack {
     bool IsVideo = false;
