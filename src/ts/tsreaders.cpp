@@ -1,11 +1,33 @@
-// The reader factory of the transport stream parser. Each tag has one slot. A stream family whose
-// reader is not part of the program yet gets TTsStreamStandIn: it tells only what the PMT and the
-// PES layer know (the codec and the first time stamp), so that the track is listed with its delay
-// and can be demuxed, but nothing is checked.
+// The reader factory of the transport stream parser. Each tag has one slot, filled by the family's
+// reader as a prober (no gap file, junk before the first frame allowed). A family whose reader is
+// not part of this build gets TTsStreamStandIn instead: it tells only what the PMT and the PES
+// layer know (the codec and the first time stamp), so that the track is listed with its delay and
+// can be demuxed, but nothing is checked.
 #include "ts/tsreaders.h"
 
 #include "framework/smallstages.h"
 #include "ts/tspcmreader.h"
+
+#if __has_include("ac3/ac3reader.h")
+#include "ac3/ac3reader.h"
+#define SONVEX_HAS_AC3_READER 1
+#endif
+#if __has_include("dts/dtsreader.h")
+#include "dts/dtsreader.h"
+#define SONVEX_HAS_DTS_READER 1
+#endif
+#if __has_include("thd/thdreader.h")
+#include "thd/thdreader.h"
+#define SONVEX_HAS_THD_READER 1
+#endif
+#if __has_include("mp2/mp2reader.h")
+#include "mp2/mp2reader.h"
+#define SONVEX_HAS_MP2_READER 1
+#endif
+#if __has_include("video/videoreaders.h")
+#include "video/videoreaders.h"
+#define SONVEX_HAS_VIDEO_READERS 1
+#endif
 
 namespace sonvex {
 
@@ -56,13 +78,40 @@ UpStreamRef StandIn(const std::string& tag, const char* name, bool isVideo) {
 
 UpStreamRef CreateTsTrackReader(const std::string& tag, bool dtsOption) {
   (void)dtsOption;
-  if (tag == "vc1") return StandIn(tag, "VC-1", true);           // slot: TVc1Reader
-  if (tag == "h264") return StandIn(tag, "h264/AVC", true);      // slot: Th264Reader
-  if (tag == "mpeg2") return StandIn(tag, "MPEG2", true);        // slot: TMpeg2Reader
-  if (tag == "mp2") return StandIn(tag, "MP2", false);           // slot: TMp2Reader
-  if (tag == "ac3") return StandIn(tag, "AC3", false);           // slot: TAc3Reader
-  if (tag == "dts") return StandIn(tag, "DTS", false);           // slot: TDtsReader(dtsOption)
-  if (tag == "thd") return StandIn(tag, "TrueHD", false);        // slot: TThdReader
+  if (tag == "vc1" || tag == "h264" || tag == "mpeg2") {
+#ifdef SONVEX_HAS_VIDEO_READERS
+    if (UpStreamRef reader = CreateFrameCounter(tag)) return reader;
+#endif
+    return StandIn(tag, tag == "vc1" ? "VC-1" : tag == "h264" ? "h264/AVC" : "MPEG2", true);
+  }
+  if (tag == "mp2") {
+#ifdef SONVEX_HAS_MP2_READER
+    return TMp2Reader::Create("", "", false);
+#else
+    return StandIn(tag, "MP2", false);
+#endif
+  }
+  if (tag == "ac3") {
+#ifdef SONVEX_HAS_AC3_READER
+    return TAc3Reader::Create("", "", false);
+#else
+    return StandIn(tag, "AC3", false);
+#endif
+  }
+  if (tag == "dts") {
+#ifdef SONVEX_HAS_DTS_READER
+    return TDtsReader::Create("", "", false, dtsOption, false);
+#else
+    return StandIn(tag, "DTS", false);
+#endif
+  }
+  if (tag == "thd") {
+#ifdef SONVEX_HAS_THD_READER
+    return TThdReader::Create("", "", false, false);
+#else
+    return StandIn(tag, "TrueHD", false);
+#endif
+  }
   if (tag == "ts/pcm" || tag == "m2ts/pcm") return TTsPcmReader::Create();
   return nullptr;
 }
