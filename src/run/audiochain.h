@@ -10,6 +10,14 @@
 
 namespace sonvex {
 
+// The twin-output stage that passes only what fits in 16 bits tells after the pass whether the
+// whole stream was 16-bit content.
+class IStripTo16bit {
+public:
+  virtual ~IStripTo16bit() = default;
+  virtual bool FoundOnly16Bit() = 0;
+};
+
 // What one audio build is told and what it reports back.
 struct TAudioBuild {
   const TOptions* options = nullptr;
@@ -34,5 +42,15 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
 // The whole audio branch of one action: input half, then twin outputs, one output, or the file.
 bool BuildAudioChain(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
                      TAction& action, TAudioBuild& build);
+
+// The rules of the input half, apart for the run and its tests.
+// "-downmix" becomes down6 or down2 by the channel count; down6 and down2 are kept only where
+// they apply.
+void ApplyDownmixRule(TAction& action, uint32_t channels);
+// Whether the destination keeps the stream as it is (no decoding).
+bool KeepsCompressed(const IAudioFormatDetails& details, const TAction& action);
+// Picks the decoder for a stream of `tag` and records it in the action's decoder flags;
+// false (with its message logged through `logger`) when the decoder asked for can't be used.
+bool ChooseDecoder(IUpStream& logger, const std::string& tag, TAction& action);
 
 }  // namespace sonvex

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs the Debian packages sonvex builds and tests with, where they are missing.
+set -euo pipefail
+packages=(g++ cmake ninja-build pkg-config ccache clang
+          libavcodec-dev libavformat-dev libavutil-dev libflac-dev libsoxr-dev libgtest-dev
+          ffmpeg flac sox)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo_cmd=""
+  [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
+  $sudo_cmd apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}" >/dev/null
+fi

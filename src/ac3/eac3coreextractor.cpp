@@ -1,0 +1,33 @@
+// E-AC3 core extraction: the first frame of every access unit.
+#include "ac3/eac3coreextractor.h"
+
+namespace sonvex {
+
+namespace {
+const std::string kName = "E-AC3 core extractor";
+}
+
+bool TEac3CoreExtractor::InitAudio(const std::string& format, uint32_t channels,
+                                   uint32_t bitsPerSample, uint32_t sampleRate, bool bigEndian,
+                                   int64_t totalSize) {
+  if (!valid) return false;
+  if (format != "eac3") return Fail("The " + kName + " received a non-supported data format.");
+  if (!CheckUpStreams(kName)) return false;
+  return NotifyAudio(format, channels, bitsPerSample, sampleRate, bigEndian, totalSize);
+}
+
+bool TEac3CoreExtractor::Write(SenderId, bool, const uint8_t* data, uint32_t size,
+                               int64_t position, bool flush) {
+  if (!valid) return false;
+  if (!CheckUpStreams(kName)) return false;
+  if (size <= 3) return true;
+  uint32_t coreSize = ((data[2] & 7) * 256 + data[3] + 1) * 2;  // frmsiz of the first frame
+  if (!reported) {
+    reported = true;
+    if (coreSize < size) Log(0, "Extracting E-AC3 core...");
+  }
+  if (coreSize > size) coreSize = size;
+  return Send(false, data, coreSize, position, flush);
+}
+
+}  // namespace sonvex

@@ -1,0 +1,76 @@
+// The factories of the detection candidates, one per slot. A reader family plugs its reader in
+// by including its header beside its slot and returning its Create() there; a slot that returns
+// nullptr stays empty. The detector makes each candidate silent and ends its chain in a
+// TFileSimulator, so a factory only builds the reader (or, for slot 7, the reader chain).
+
+#include "files/detectorcandidates.h"
+
+#include "ac3/ac3reader.h"
+#include "video/h264reader.h"
+#include "video/mpeg2reader.h"
+#include "video/vc1reader.h"
+
+namespace sonvex {
+
+// Slot 0: TEvoParser (takes the EVO option).
+UpStreamRef MakeEvoParserCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 1: TTsParser (takes the TS option).
+UpStreamRef MakeTsParserCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 2: TDtsReader.
+UpStreamRef MakeDtsReaderCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 3: TAc3Reader.
+UpStreamRef MakeAc3ReaderCandidate(TCandidateContext& context) {
+  return TAc3Reader::Create();
+}
+
+// Slot 4: TMp2Reader.
+UpStreamRef MakeMp2ReaderCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 5: TThdReader.
+UpStreamRef MakeThdReaderCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 6: TWavReader.
+UpStreamRef MakeWavReaderCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 7: TWavReader -> TWavDtsReader -> TDtsReader. The head is returned; the TDtsReader goes
+// into context.dtsWavReader.
+UpStreamRef MakeWavDtsReaderCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 8: TFlacDecoder.
+UpStreamRef MakeFlacDecoderCandidate(TCandidateContext& context) {
+  return nullptr;
+}
+
+// Slot 9: TVc1Reader.
+UpStreamRef MakeVc1ReaderCandidate(TCandidateContext& context) {
+  return TVc1Reader::Create();
+}
+
+// Slot 10: TMpeg2Reader.
+UpStreamRef MakeMpeg2ReaderCandidate(TCandidateContext& context) {
+  return TMpeg2Reader::Create();
+}
+
+// Slot 11: Th264Reader.
+UpStreamRef MakeH264ReaderCandidate(TCandidateContext& context) {
+  return Th264Reader::Create();
+}
+
+}  // namespace sonvex

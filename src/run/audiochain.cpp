@@ -1,0 +1,345 @@
+// The input half of an audio chain (reader, stream edits or decoder), the destination checks and
+// the decoder choice, and the whole audio branch of one action.
+#include "run/audiochain.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "ac3/ac3delayer.h"
+#include "ac3/ac3dialnormremover.h"
+#include "ac3/ac3gaprealizer.h"
+#include "ac3/ac3reader.h"
+#include "ac3/eac3coreextractor.h"
+#include "ac3/gaptracker.h"
+#include "framework/smallstages.h"
+
+// Stages of other parts of the program, used once they are part of the build.
+#if __has_include("files/destfile.h")
+#include "files/destfile.h"
+#define SONVEX_HAVE_DESTFILE 1
+#endif
+#if __has_include("codecs/libavdecoder.h") && __has_include("pcm/bitdepthreducer.h")
+#include "codecs/libavdecoder.h"
+#include "pcm/bitdepthreducer.h"
+#define SONVEX_HAVE_LIBAV_DECODER 1
+#endif
+#if __has_include("pcm/stripto16bit.h")
+#include "pcm/stripto16bit.h"
+#define SONVEX_HAVE_STRIP16 1
+#endif
+
+namespace sonvex {
+
+namespace {
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = char(std::tolower(uint8_t(c)));
+  return text;
+}
+
+// Lower-case extension of a destination name, with its dot: "%check%.ac3" gives ".ac3".
+std::string ExtensionOf(const std::string& name) {
+  return Lower(std::filesystem::path(name).extension().string());
+}
+
+// Whether `item` is a whole entry of a "|"-separated list.
+bool InList(const std::string& item, const std::string& list) {
+  size_t start = 0;
+  while (start <= list.size()) {
+    size_t end = list.find('|', start);
+    if (end == std::string::npos) end = list.size();
+    if (list.compare(start, end - start, item) == 0) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+bool IsCheckName(const std::string& name) { return Lower(name).rfind("%check%", 0) == 0; }
+
+bool IsDtsFamily(const std::string& tag) {
+  return tag == "dts" || tag == "dtsma" || tag == "dtshr" || tag == "dtswav";
+}
+
+// Destinations that any audio source can be made into, and those that need the source's tag.
+constexpr const char* kOpenAudioExtensions = ".raw|.pcm|.lpcm|.wav|.wavs|.ac3|.flac|.dts";
+struct TDestinationRule {
+  const char* extensions;
+  const char* tags;
+};
+constexpr TDestinationRule kAudioDestinationRules[] = {
+    {".ddp|.eac3|.dd+|.ec3", "eac3"},
+    {".mp2", "mp2"},
+    {".thd|.truehd", "thd|thd/ac3"},
+    {".mlp", "mlp"},
+    {".dtshd|.dtsma", "dtsma"},
+    {".dtshd|.dtshr", "dtshr"},
+};
+constexpr TDestinationRule kVideoDestinationRules[] = {
+    {".m2v|.mpeg2", "mpeg2"},
+    {".h264", "h264"},
+    {".vc1", "vc1"},
+};
+
+// The destinations that keep a stream of a tag compressed.
+constexpr TDestinationRule kCompressedDestinations[] = {
+    {".ac3", "ac3"},
+    {".mp2", "mp2"},
+    {".ddp|.eac3|.dd+|.ec3", "eac3"},
+    {".dts|.dtshd|.dtsma|.dtshr", "dts|dtsma|dtshr|dtswav"},
+    {".thd|.truehd", "thd"},
+    {".thd|.truehd|.mlp", "mlp"},
+};
+
+// PCM destinations, where decoded data gets the twin outputs.
+constexpr const char* kLosslessExtensions = ".wav|.wavs|.flac|.raw|.pcm|.lpcm";
+
+template <class Rules>
+bool MatchesRule(const Rules& rules, const std::string& extension, const std::string& tag) {
+  for (const TDestinationRule& rule : rules)
+    if (InList(extension, rule.extensions) && InList(tag, rule.tags)) return true;
+  return false;
+}
+
+// The DirectShow decoders (Nero, Sonic, ArcSoft) have no counterpart on this platform: their self
+// test always fails, and libav decodes every format.
+enum class TDecoderKind { Nero, Sonic, ArcSoft };
+bool DecoderWorks(TDecoderKind) { return false; }
+
+// The gap realizer and the delayer of an untouched stream: for a bare stream the realizer goes
+// first (the gap times are those of the stream as it stands), for a container track the
+// delayer does. A "%check%" destination writes nothing and needs no delay.
+bool AppendGapsAndDelay(const UpStreamRef& chain, const UpStreamRef& realizer,
+                        const UpStreamRef& delayer, const TAction& action,
+                        const TAudioBuild& build) {
+  std::vector<UpStreamRef> order;
+  bool withDelay = !IsCheckName(action.dest);
+  if (build.isContainer) {
+    if (withDelay) order.push_back(delayer);
+    if (realizer) order.push_back(realizer);
+  } else {
+    if (realizer) order.push_back(realizer);
+    if (withDelay) order.push_back(delayer);
+  }
+  for (const UpStreamRef& stage : order)
+    if (!chain->AppendUpStream(stage)) return false;
+  return true;
+}
+
+// "ac3" and "eac3": reader, [core extractor], [dialnorm remover], then gaps and delay for an
+// untouched stream.
+bool BuildAc3Input(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
+                   TAudioBuild& build, bool untouched) {
+  bool ok = chain->AppendUpStream(TAc3Reader::Create(build.gapFileName, build.gapList, false));
+  // libav decodes every substream of E-AC3, so the core is only taken out when asked for.
+  if (ok && details.Format() == "eac3" && action.core)
+    ok = chain->AppendUpStream(TEac3CoreExtractor::Create());
+  if (ok && !action.keepDialnorm) ok = chain->AppendUpStream(TAc3DialnormRemover::Create());
+  if (ok && untouched) {
+    UpStreamRef realizer;
+    if (!build.gapList.empty())
+      realizer = TAc3GapRealizer::Create(GapDataForRealizer(build.gapList));
+    ok = AppendGapsAndDelay(chain, realizer, TAc3Delayer::Create(), action, build);
+  }
+  return ok;
+}
+
+using TInputBuilder = bool (*)(const UpStreamRef& chain, const IAudioFormatDetails& details,
+                               TAction& action, TAudioBuild& build, bool untouched);
+// What leaves the input half: the stream as it is or decoded by libav (compressed families),
+// PCM out of a decoder in the row (FLAC), or PCM that was never compressed (WAV, raw PCM).
+enum class TOutputKind { Compressed, AlwaysDecoded, AlwaysPcm };
+struct TInputRow {
+  const char* tags;
+  TOutputKind kind;
+  TInputBuilder build;
+};
+
+// The stage lists by source format. Each family adds its row here as its stages exist:
+//   "mp2":                      TMp2Reader; untouched: TMp2GapRealizer, TMp2Delayer
+//   "dts|dtsma|dtshr|dtswav":   [TWavReader, TWavDtsReader], TDtsReader, [TDtsCoreExtractor],
+//                               [TDtsDialnormRemover], [TDtsRepairer], [TDtsBitdepthPatcher];
+//                               untouched: TDtsGapRealizer, TDtsDelayer
+//   "thd|mlp|thd/ac3":          TThdReader, [TThdAc3Extractor + the "ac3" row | TThdAc3Remover],
+//                               [TThdDialnormRemover]
+//   "flac":                     TFlacDecoder (TOutputKind::AlwaysDecoded)
+//   "wav":                      TWavReader (TOutputKind::AlwaysPcm)
+//   "pcm" and container forms:  TRawReader, [TEndianSwapper] (TOutputKind::AlwaysPcm)
+constexpr TInputRow kInputRows[] = {
+    {"ac3|eac3", TOutputKind::Compressed, BuildAc3Input},
+};
+
+const TInputRow* FindInputRow(const std::string& tag) {
+  for (const TInputRow& row : kInputRows)
+    if (InList(tag, row.tags)) return &row;
+  return nullptr;
+}
+
+// The decoder behind the stream edits: libav for every format, then down to 24 bits. FFmpeg
+// hands the channels over in WAV order already, so no remap follows.
+bool AppendDecoder(const UpStreamRef& chain, const std::string& tag) {
+#ifdef SONVEX_HAVE_LIBAV_DECODER
+  auto decoder = TLibavDecoder::CreateFor(tag);
+  if (!decoder) {
+    chain->Log(2, "Internal error - unknown audio input format!");
+    return false;
+  }
+  return chain->AppendUpStream(decoder) &&
+         chain->AppendUpStream(TBitdepthReducer::Create(24, false));
+#else
+  chain->Log(2, "Internal error - unknown audio input format!");
+  return false;
+#endif
+}
+
+bool AppendDestFile(const UpStreamRef& chain, const std::string& name) {
+#ifdef SONVEX_HAVE_DESTFILE
+  return chain->AppendUpStream(TDestFile::Create(name));
+#else
+  chain->Log(2, "Internal error - unknown audio output format!");
+  return false;
+#endif
+}
+
+TAudioBlock CopyDetails(const IAudioFormatDetails& details) {
+  TAudioBlock block;
+  block.audioValid = details.IsValid();
+  block.format = details.Format();
+  block.name = details.Name();
+  block.duration = details.Duration();
+  block.channels = details.Channels();
+  block.channelLayout = details.ChannelLayout();
+  block.channelOrder = details.ChannelOrder();
+  block.channelMask = details.ChannelMask();
+  block.bits = details.Bits();
+  block.sampleRate = details.SampleRate();
+  block.bigEndian = details.BigEndian();
+  block.bitrate = details.Bitrate();
+  block.dialnorm = details.Dialnorm();
+  block.extra = details.Extra();
+  block.language = details.Language();
+  block.description = details.Description();
+  return block;
+}
+
+}  // namespace
+
+bool CheckAudioDestination(IUpStream& logger, const std::string& extension,
+                           const std::string& tag) {
+  std::string ext = Lower(extension);
+  if (InList(ext, kOpenAudioExtensions) || MatchesRule(kAudioDestinationRules, ext, tag))
+    return true;
+  logger.Log(2, "This audio conversion is not supported.");
+  return false;
+}
+
+bool CheckVideoDestination(IUpStream& logger, const std::string& extension,
+                           const std::string& tag) {
+  std::string ext = Lower(extension);
+  if (ext == ".mkv" || MatchesRule(kVideoDestinationRules, ext, tag)) return true;
+  logger.Log(2, "This video conversion is not supported.");
+  return false;
+}
+
+void ApplyDownmixRule(TAction& action, uint32_t channels) {
+  if (action.downmix) {
+    if (channels > 6)
+      action.down6 = true;
+    else if (channels > 2)
+      action.down2 = true;
+    action.downmix = false;
+  }
+  if (action.down6 && channels <= 6) action.down6 = false;
+  if (action.down2 && channels < 6) action.down2 = false;
+  if (action.down2 && channels > 6) action.down6 = true;
+}
+
+bool KeepsCompressed(const IAudioFormatDetails& details, const TAction& action) {
+  std::string tag = details.Format();
+  if (!MatchesRule(kCompressedDestinations, ExtensionOf(action.dest), tag)) return false;
+  if (action.bitrate != 0 && uint64_t(action.bitrate) * 1000 != details.Bitrate()) return false;
+  if (action.resampleTo != 0 && uint32_t(action.resampleTo) != details.SampleRate()) return false;
+  return !action.slowdown && !action.speedup && action.remap.empty() && !action.down2;
+}
+
+// The default decoders were Nero for AC3 and E-AC3, ArcSoft (then Sonic) for DTS. None of them
+// exists here, so a request for one by name fails as its self test would; without such a request
+// libav is taken without a word, as it is the decoder of this platform and not a fallback.
+bool ChooseDecoder(IUpStream& logger, const std::string& tag, TAction& action) {
+  bool ac3Family = tag == "ac3" || tag == "eac3";
+  bool neroWanted = (ac3Family && !action.useSonic && !action.useArcSoft && !action.useLibav) ||
+                    (action.useNero && (IsDtsFamily(tag) || tag == "mp2" || tag == "thd" ||
+                                        tag == "thd/ac3" || tag == "mlp"));
+  if (neroWanted && !DecoderWorks(TDecoderKind::Nero)) {
+    if (action.useNero) {
+      logger.Log(2, "I'd like to use the Nero decoder, but it doesn't seem to work.");
+      return false;
+    }
+    action.useLibav = true;
+  }
+  if (action.useSonic && !DecoderWorks(TDecoderKind::Sonic)) {
+    logger.Log(2, "I'd like to use the Sonic decoder, but it doesn't seem to work.");
+    return false;
+  }
+  bool arcSoftWanted = action.useArcSoft ||
+                       (IsDtsFamily(tag) && !action.useSonic && !action.useLibav && !action.useNero);
+  if (arcSoftWanted && !DecoderWorks(TDecoderKind::ArcSoft)) {
+    if (action.useArcSoft) {
+      logger.Log(2, "I'd like to use the ArcSoft decoder, but it doesn't seem to work.");
+      return false;
+    }
+    action.useLibav = true;
+  }
+  action.useLibav = true;
+  return true;
+}
+
+bool BuildAudioInput(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
+                     TAction& action, TAudioBuild& build) {
+  ApplyDownmixRule(action, details->Channels());
+  const std::string tag = details->Format();
+  const TInputRow* row = FindInputRow(tag);
+  if (!row) {
+    chain->Log(2, "Internal error - unknown audio input format!");
+    return false;
+  }
+  bool compressed = row->kind == TOutputKind::Compressed;
+  bool untouched = compressed && KeepsCompressed(*details, action);
+  build.decoded = compressed ? !untouched : row->kind == TOutputKind::AlwaysDecoded;
+  bool needsDecoder = compressed && !untouched;
+  if (needsDecoder && !ChooseDecoder(*chain, tag, action)) return false;
+  if (!row->build(chain, *details, action, build, untouched)) return false;
+  if (needsDecoder && !AppendDecoder(chain, tag)) return false;
+  // Decoded data with a channel order of its own, and "-mono", get a TChannelModder here once
+  // the PCM stages exist; "-check16bit" on PCM that was not decoded brings in the twin outputs.
+  if (action.check16bit && !build.decoded && !untouched) {
+    std::string ext = ExtensionOf(action.dest);
+    if (ext != ".ac3" && ext != ".dts") build.decoded = true;
+  }
+  return true;
+}
+
+bool BuildAudioChain(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
+                     TAction& action, TAudioBuild& build) {
+  if (!BuildAudioInput(chain, details, action, build)) return false;
+  if (KeepsCompressed(*details, action)) return AppendDestFile(chain, action.dest);
+  TAudioBlock block = CopyDetails(*details);
+  bool twins = build.decoded && Lower(action.dest) != "stdout" &&
+               InList(ExtensionOf(action.dest), kLosslessExtensions);
+#ifdef SONVEX_HAVE_STRIP16
+  if (twins) {
+    auto pass = TPassThrough::Create();
+    auto strip = TStripTo16bit::Create();
+    if (!chain->AppendUpStreams({pass, strip})) return false;
+    action.decidedBits = 24;
+    build.stripStages.push_back(strip);
+    TAudioBlock wide = block, narrow = block;
+    return BuildAudioOutput(pass, wide, action, ".24bit", build) &&
+           BuildAudioOutput(strip, narrow, action, ".16bit", build);
+  }
+#else
+  (void)twins;
+#endif
+  return BuildAudioOutput(chain, block, action, "", build);
+}
+
+}  // namespace sonvex

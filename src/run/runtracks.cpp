@@ -1,0 +1,274 @@
+// RunTracks: builds the branches of one pass behind one source stage and runs them.
+#include "run/runtracks.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "files/destfile.h"
+#include "files/sourcefiles.h"
+#include "framework/smallstages.h"
+#include "run/audiochain.h"
+#include "run/cmdline.h"
+#include "run/naming.h"
+#include "video/videoreaders.h"
+
+namespace sonvex {
+namespace {
+
+// Container families register their demux heads here as they exist.
+UpStreamRef MakeContainerHead(const std::string& tag, const TTrackRef& track,
+                              const TOptions& options, const TAction& action) {
+  (void)track;
+  (void)options;
+  (void)action;
+  (void)tag;
+  return nullptr;
+}
+
+std::string TrackPrefix(TTrackKind kind, int32_t number) {
+  char text[16];
+  char letter = kind == TTrackKind::Video ? 'v' : kind == TTrackKind::Audio ? 'a' : 's';
+  std::snprintf(text, sizeof text, "%c%02d", letter, int(number % 100));
+  return text;
+}
+
+void ReadGapFile(IUpStream& logger, const std::string& fileName, const std::string& destination,
+                 std::string& gapList, bool& failed) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(fileName, error)) return;
+  if (ExtensionIn(FileExtension(destination), ".thd|.truehd|.mlp")) {
+    logger.Log(0, "Audio gap description file detected, can't be used for TrueHD/MLP, though.");
+    return;
+  }
+  logger.Log(0, "Audio gap description file detected, will be used for processing...");
+  std::ifstream in(fileName, std::ios::binary);
+  if (!in) {
+    logger.Log(2, "Opening audio gap description file failed.");
+    failed = true;
+    return;
+  }
+  std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (content.size() % sizeof(TGapEntry) != 0) {
+    logger.Log(2, "Audio gap description file seems to be invalid.");
+    failed = true;
+    return;
+  }
+  gapList = content;
+}
+
+}  // namespace
+
+int32_t LastTrackNumber(const TSourceInfo& info) {
+  if (!info.container) return info.trackBase + 1;
+  return info.trackBase + info.container->VideoCount() + info.container->AudioCount() +
+         info.container->SubtitleCount();
+}
+
+TTrackRef FindTrack(const TSourceInfo& info, int32_t track) {
+  TTrackRef ref;
+  if (!info.container) {
+    if (track != info.trackBase + 1) return ref;
+    if (info.audioDetails && info.audioDetails->IsValid()) ref.kind = TTrackKind::Audio;
+    if (info.videoDetails && info.videoDetails->IsValid()) ref.kind = TTrackKind::Video;
+    return ref;
+  }
+  if (track <= info.trackBase) {
+    if (info.joinedContainer && track == 1) ref.kind = TTrackKind::Joined;
+    else if (!info.chapterText.empty() && track == info.trackBase) ref.kind = TTrackKind::Chapters;
+    return ref;
+  }
+  int32_t n = track - info.trackBase - 1;
+  const auto& c = *info.container;
+  if (n < c.VideoCount()) {
+    ref.kind = TTrackKind::Video;
+    ref.index = n;
+    c.GetVideo(n, ref.entry);
+  } else if ((n -= c.VideoCount()) < c.AudioCount()) {
+    ref.kind = TTrackKind::Audio;
+    ref.index = n;
+    c.GetAudio(n, ref.entry);
+  } else if ((n -= c.AudioCount()) < c.SubtitleCount()) {
+    ref.kind = TTrackKind::Subtitle;
+    ref.index = n;
+    c.GetSubtitle(n, ref.entry);
+  }
+  return ref;
+}
+
+bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) {
+  const std::string containerTag = info.container ? info.container->Format() : "";
+  auto trackAudio = [&](const TTrackRef& ref) {
+    return info.container ? ref.entry.details->AudioDetails() : info.audioDetails;
+  };
+  auto trackVideo = [&](const TTrackRef& ref) {
+    return info.container ? ref.entry.details->VideoDetails() : info.videoDetails;
+  };
+
+  // Frame rate of the source: that of its first valid video track, else film rate.
+  uint32_t rateNum = 24000, rateDen = 1001;
+  std::shared_ptr<IVideoFormatDetails> firstVideo;
+  if (info.container && info.container->VideoCount() > 0) {
+    TTrackEntry entry;
+    info.container->GetVideo(0, entry);
+    firstVideo = entry.details->VideoDetails();
+  } else if (!info.container) {
+    firstVideo = info.videoDetails;
+  }
+  if (firstVideo && firstVideo->IsValid() && firstVideo->RateNumerator()) {
+    rateNum = firstVideo->RateNumerator();
+    rateDen = firstVideo->RateDenominator();
+  }
+  int64_t limit = int64_t(options.megabytes) * 1024 * 1024;
+  auto source = TSourceFiles::Create(options.sources, rateNum, rateDen, limit);
+  if (!source->IsValid()) return false;
+
+  // Track numbers and destinations are checked ahead of any building.
+  std::vector<TTrackRef> refs;
+  for (const TAction& action : options.actions) {
+    TTrackRef ref = FindTrack(info, action.track);
+    std::string ext = FileExtension(action.dest);
+    bool ok = true;
+    switch (ref.kind) {
+      case TTrackKind::None:
+        source->Log(2, "The source file doesn't contain a track with the number " +
+                           std::to_string(action.track) + ".");
+        return false;
+      case TTrackKind::Subtitle:
+        if (ext != ".sup") {
+          source->Log(2, "This subtitle conversion is not supported.");
+          return false;
+        }
+        break;
+      case TTrackKind::Joined:
+        if (!ExtensionIn(ext, ".evo|.vob")) {
+          source->Log(2, "This container conversion is not supported.");
+          return false;
+        }
+        break;
+      case TTrackKind::Chapters:
+        if (ext != ".txt") {
+          source->Log(2, "This chapter conversion is not supported.");
+          return false;
+        }
+        break;
+      case TTrackKind::Audio:
+        ok = CheckAudioDestination(*source, ext, trackAudio(ref)->Format());
+        break;
+      case TTrackKind::Video:
+        ok = CheckVideoDestination(*source, ext, trackVideo(ref)->Format());
+        break;
+    }
+    if (!ok) return false;
+    refs.push_back(ref);
+  }
+
+  std::vector<UpStreamRef> heads;
+  std::vector<std::vector<UpStreamRef>> stripStages(options.actions.size());
+  for (size_t i = 0; i < options.actions.size(); i++) {
+    TAction& action = options.actions[i];
+    const TTrackRef& ref = refs[i];
+    if (ref.kind == TTrackKind::Chapters) {
+      TDestFile::Create(action.dest, info.chapterText);
+      continue;
+    }
+    if (ref.kind == TTrackKind::Joined) {
+      source->Log(2, "This container conversion is not supported.");
+      return false;
+    }
+    UpStreamRef head;
+    if (!info.container) {
+      head = TPassThrough::Create();
+    } else if (ref.kind == TTrackKind::Subtitle &&
+               (containerTag == "ts" || containerTag == "m2ts")) {
+      source->Log(2, "TS/M2TS subtitles are not supported yet.");
+      return false;
+    } else {
+      head = MakeContainerHead(containerTag, ref, options, action);
+      if (!head) {
+        source->Log(2, "Unknown container.");
+        return false;
+      }
+    }
+    head->SetLogPrefix(TrackPrefix(ref.kind, action.track));
+    head->SetDelay(1, ref.entry.delay);
+    if (action.delay) head->SetDelay(0, action.delay);
+
+    if (ref.kind == TTrackKind::Audio) {
+      TAudioBuild build;
+      build.options = &options;
+      build.isContainer = info.container != nullptr;
+      build.gapFileName = action.dest + ".gaps";
+      bool failed = false;
+      if (!info.container)
+        ReadGapFile(*head, options.sources.front() + ".gaps", action.dest, build.gapList, failed);
+      if (!failed && build.gapList.empty())
+        ReadGapFile(*head, action.dest + ".gaps", action.dest, build.gapList, failed);
+      if (failed) return false;
+      if (!BuildAudioChain(head, trackAudio(ref), action, build)) return false;
+      stripStages[i] = build.stripStages;
+    } else if (ref.kind == TTrackKind::Video) {
+      auto details = trackVideo(ref);
+      std::string codec = details->Format();
+      if (FileExtension(action.dest) == ".mkv") {
+        head->Log(2, "Internal error - unknown video output format!");
+        return false;
+      }
+      TVideoReaderChain readers =
+          BuildVideoReader(codec, action, action.track, details->Pulldown(),
+                           details->Interlaced(), false, "", "");
+      if (!readers.head) {
+        head->Log(2, "Internal error - unknown video input format!");
+        return false;
+      }
+      if (!head->AppendUpStream(readers.head) ||
+          !head->AppendUpStream(TDestFile::Create(action.dest)))
+        return false;
+    } else {
+      head->Log(2, "This subtitle conversion is not supported.");
+      return false;
+    }
+    heads.push_back(head);
+  }
+
+  // Silent side branches count the frames of every video track.
+  struct SideBranch {
+    int32_t videoIndex;
+    UpStreamRef reader;
+  };
+  std::vector<SideBranch> sides;
+  int32_t videoCount = info.container ? info.container->VideoCount()
+                                      : (info.videoDetails && info.videoDetails->IsValid() ? 1 : 0);
+  for (int32_t v = 0; v < videoCount; v++) {
+    TTrackRef ref = FindTrack(info, info.trackBase + 1 + v);
+    auto details = trackVideo(ref);
+    UpStreamRef head = info.container ? MakeContainerHead(containerTag, ref, options, TAction{})
+                                      : UpStreamRef(TPassThrough::Create());
+    UpStreamRef reader = CreateFrameCounter(details->Format());
+    if (!head || !reader) continue;
+    head->SetSilent(true);
+    head->AppendUpStream(reader);
+    head->AppendUpStream(TFileSimulator::Create());
+    head->SetOptional(true);
+    heads.push_back(head);
+    sides.push_back({v, reader});
+  }
+
+  if (heads.empty()) return true;
+  source->SetUpStreams(heads);
+  bool ok = source->Write(0, false, nullptr, 0, -1, false);
+  if (!ok) {
+    result.abortPosition = source->Position();
+    return false;
+  }
+  for (size_t i = 0; i < options.actions.size(); i++)
+    for (const UpStreamRef& stage : stripStages[i])
+      if (auto strip = Query<IStripTo16bit>(stage); strip && strip->FoundOnly16Bit())
+        options.actions[i].decidedBits = 16;
+  result.videoFrames.assign(size_t(videoCount), 0);
+  for (const SideBranch& side : sides)
+    result.videoFrames[size_t(side.videoIndex)] = side.reader->VideoDetails()->FrameCount();
+  return true;
+}
+
+}  // namespace sonvex

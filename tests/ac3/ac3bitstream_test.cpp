@@ -1,0 +1,233 @@
+// Header parsers, CRCs and text helpers of the AC3 family, on synthetic and real frames.
+#include "ac3/ac3bitstream.h"
+
+#include <gtest/gtest.h>
+
+#include "ac3testutil.h"
+#include "framework/bitreader.h"
+
+namespace sonvex::ac3test {
+namespace {
+
+TEST(Ac3Bitstream, ParsesHeaderFieldsOfEveryChannelMode) {
+  struct Case {
+    uint32_t acmod, lfe;
+    const char* text;
+    uint32_t channels, mask;
+  };
+  const Case cases[] = {
+      {0, 0, "1+1", 2, 0x4},     {1, 0, "1.0", 1, 0x4},       {2, 0, "2.0", 2, 0x3},
+      {3, 0, "3.0", 3, 0x7},     {4, 0, "2/1", 3, 0x103},     {5, 1, "3/1.1", 5, 0x10F},
+      {6, 0, "2/2", 4, 0x33},    {7, 1, "5.1", 6, 0x3F},      {2, 1, "2.1", 3, 0xB},
+  };
+  for (const Case& c : cases) {
+    Ac3FrameSpec spec;
+    spec.acmod = c.acmod;
+    spec.lfe = c.lfe;
+    spec.dialnorm = 17;
+    auto frame = MakeAc3Frame(spec);
+    TAc3FrameInfo info;
+    ASSERT_EQ(ParseAc3Frame(frame.data(), uint32_t(frame.size()), info), 0) << "acmod " << c.acmod;
+    EXPECT_EQ(info.channelText, c.text);
+    EXPECT_EQ(info.channels, c.channels);
+    EXPECT_EQ(info.channelMask, c.mask);
+    EXPECT_EQ(info.lfe, c.lfe);
+    EXPECT_EQ(info.dialnorm, 17) << "acmod " << c.acmod;
+    EXPECT_EQ(info.frameSize, 768u);
+    EXPECT_EQ(info.bitrate, 192000u);
+    EXPECT_EQ(info.sampleRate, 48000u);
+  }
+}
+
+TEST(Ac3Bitstream, FrameSizesFollowRateAndPadding) {
+  TAc3FrameInfo info;
+  struct Case {
+    uint32_t fscod, frmsizecod, size, rate, bitrate;
+  };
+  // 44.1 kHz frames alternate between two sizes by the lowest frmsizecod bit.
+  const Case cases[] = {{1, 20, 834, 44100, 192000}, {1, 21, 836, 44100, 192000},
+                        {2, 20, 1152, 32000, 192000}, {0, 36, 2560, 48000, 640000},
+                        {0, 0, 128, 48000, 32000},   {1, 36, 2786, 44100, 640000}, {1, 37, 2788, 44100, 640000}};
+  for (const Case& c : cases) {
+    Ac3FrameSpec spec;
+    spec.fscod = c.fscod;
+    spec.frmsizecod = c.frmsizecod;
+    auto frame = MakeAc3Frame(spec);
+    ASSERT_EQ(ParseAc3Frame(frame.data(), uint32_t(frame.size()), info), 0);
+    EXPECT_EQ(info.frameSize, c.size);
+    EXPECT_EQ(info.sampleRate, c.rate);
+    EXPECT_EQ(info.bitrate, c.bitrate);
+  }
+}
+
+TEST(Ac3Bitstream, RefusesWhatIsNotAGoodAc3Frame) {
+  auto frame = MakeAc3Frame({});
+  TAc3FrameInfo info;
+  uint32_t size = uint32_t(frame.size());
+  EXPECT_EQ(ParseAc3Frame(frame.data(), 7, info), 1);  // too short for a header
+  EXPECT_EQ(ParseAc3Frame(frame.data(), size - 1, info), 3);
+  auto bad = frame;
+  bad[100] ^= 1;  // in the first five eighths: crc1 fails
+  EXPECT_EQ(ParseAc3Frame(bad.data(), size, info), 3);
+  bad = frame;
+  bad[700] ^= 1;  // in the last three eighths: crc2 fails
+  EXPECT_EQ(ParseAc3Frame(bad.data(), size, info), 3);
+  bad = frame;
+  bad[0] = 0x0C;
+  EXPECT_EQ(ParseAc3Frame(bad.data(), size, info), 1);
+  for (uint32_t bsid : {9u, 10u, 17u, 31u}) {
+    Ac3FrameSpec spec;
+    spec.bsid = bsid;
+    auto odd = MakeAc3Frame(spec);
+    EXPECT_EQ(ParseAc3Frame(odd.data(), uint32_t(odd.size()), info), 1) << bsid;
+  }
+  auto eac3 = MakeEac3Frame({});
+  EXPECT_EQ(ParseAc3Frame(eac3.data(), uint32_t(eac3.size()), info), 2);
+  bad = frame;
+  bad[4] = uint8_t(3 << 6 | 20);  // fscod 3 is reserved
+  EXPECT_EQ(ParseAc3Frame(bad.data(), size, info), 1);
+  bad = frame;
+  bad[4] = uint8_t(38);  // frmsizecod 38: no such rate
+  EXPECT_EQ(ParseAc3Frame(bad.data(), size, info), 1);
+}
+
+TEST(Ac3Bitstream, Eac3FrameFields) {
+  TAc3FrameInfo info;
+  Eac3FrameSpec spec;
+  spec.words = 1280;  // 2560 bytes, 6 blocks: 640 kbit/s
+  auto frame = MakeEac3Frame(spec);
+  ASSERT_EQ(ParseEac3Frame(frame.data(), uint32_t(frame.size()), info), 0);
+  EXPECT_EQ(info.frameSize, 2560u);
+  EXPECT_EQ(info.bitrate, 640000u);
+  EXPECT_EQ(info.sampleRate, 48000u);
+  EXPECT_EQ(info.channelText, "5.1");
+  EXPECT_EQ(info.dialnorm, 24);
+  // One block per frame: 750 x size x 8 / 4.
+  spec.numblkscod = 0;
+  spec.words = 128;
+  frame = MakeEac3Frame(spec);
+  ASSERT_EQ(ParseEac3Frame(frame.data(), uint32_t(frame.size()), info), 0);
+  EXPECT_EQ(info.bitrate, 384000u);
+  // Reduced rates: fscod 3, fscod2 picks the rate, blocks are 6.
+  spec.fscod = 3;
+  spec.numblkscod = 1;
+  spec.words = 384;
+  frame = MakeEac3Frame(spec);
+  ASSERT_EQ(ParseEac3Frame(frame.data(), uint32_t(frame.size()), info), 0);
+  EXPECT_EQ(info.sampleRate, 22050u);
+  EXPECT_EQ(info.bitrate, 192000u);
+  spec.numblkscod = 3;  // reserved
+  frame = MakeEac3Frame(spec);
+  EXPECT_EQ(ParseEac3Frame(frame.data(), uint32_t(frame.size()), info), 4);
+  frame = MakeEac3Frame({});
+  frame[50] ^= 0x10;
+  EXPECT_EQ(ParseEac3Frame(frame.data(), uint32_t(frame.size()), info), 4);
+  EXPECT_EQ(ParseEac3Frame(frame.data(), 7, info), 3);
+  EXPECT_EQ(ParseEac3Frame(frame.data(), 700, info), 3);
+  auto ac3 = MakeAc3Frame({});
+  EXPECT_EQ(ParseEac3Frame(ac3.data(), uint32_t(ac3.size()), info), 2);
+}
+
+TEST(Ac3Bitstream, DependentFramesWithRearPairMakeSevenOne) {
+  Eac3FrameSpec core;
+  auto independent = MakeEac3Frame(core);
+  Eac3FrameSpec dep;
+  dep.streamType = 1;
+  dep.acmod = 2;
+  dep.lfe = 0;
+  dep.words = 256;
+  dep.chanmap = 0x0200;  // Lrs/Rrs pair
+  auto dependent = MakeEac3Frame(dep);
+  dep.compre = true;  // the map moves by the eight compr bits
+  auto dependentCompr = MakeEac3Frame(dep);
+  TAc3FrameInfo frameInfo;
+  ASSERT_EQ(ParseEac3Frame(dependentCompr.data(), uint32_t(dependentCompr.size()), frameInfo), 0);
+  EXPECT_EQ(frameInfo.channels, 2u);
+
+  auto stream = Concat({independent, dependent, independent, dependent});
+  TEac3UnitInfo unit;
+  ASSERT_EQ(ParseEac3Unit(stream.data(), uint32_t(stream.size()), 0, unit), 0);
+  EXPECT_EQ(unit.unitSize, 768u + 512u);
+  EXPECT_EQ(unit.skipBytes, 0u);
+  EXPECT_EQ(unit.channels, 8u);
+  EXPECT_EQ(unit.channelMask, 0x63Fu);
+  EXPECT_EQ(unit.channelText, "7.1");
+  EXPECT_EQ(unit.bitrate, 1280u * 192000u / 768u);
+
+  // A leading dependent frame is counted as bytes to skip.
+  auto late = Concat({dependent, independent, dependent, independent});
+  ASSERT_EQ(ParseEac3Unit(late.data(), uint32_t(late.size()), 0, unit), 0);
+  EXPECT_EQ(unit.skipBytes, 512u);
+  EXPECT_EQ(unit.unitSize, 1280u);
+
+  // The last unit ends the data: complete only when its size was expected.
+  auto last = Concat({independent, dependent});
+  EXPECT_EQ(ParseEac3Unit(last.data(), uint32_t(last.size()), 0, unit), -1);
+  EXPECT_EQ(ParseEac3Unit(last.data(), uint32_t(last.size()), 1280, unit), 0);
+  // Three bytes of the next independent frame are enough.
+  auto peek = Concat({independent, dependent, {0x0B, 0x77, 0x00}});
+  EXPECT_EQ(ParseEac3Unit(peek.data(), uint32_t(peek.size()), 0, unit), 0);
+
+  // A stereo core with a rear pair: "+2.0".
+  Eac3FrameSpec stereo;
+  stereo.acmod = 2;
+  stereo.lfe = 0;
+  auto twoPlusTwo = Concat({MakeEac3Frame(stereo), dependent, MakeEac3Frame(stereo)});
+  ASSERT_EQ(ParseEac3Unit(twoPlusTwo.data(), uint32_t(twoPlusTwo.size()), 0, unit), 0);
+  EXPECT_EQ(unit.channelText, "2.0+2.0");
+  EXPECT_EQ(unit.channels, 4u);
+}
+
+TEST(Ac3Bitstream, TextHelpers) {
+  EXPECT_EQ(ChannelCountText(1), "1.0");
+  EXPECT_EQ(ChannelCountText(2), "2.0");
+  EXPECT_EQ(ChannelCountText(3), "3");
+  EXPECT_EQ(ChannelCountText(6), "5.1");
+  EXPECT_EQ(ChannelCountText(7), "6.1");
+  EXPECT_EQ(ChannelCountText(8), "7.1");
+  EXPECT_EQ(SampleRateText(48000), "48khz");
+  EXPECT_EQ(SampleRateText(44100), "44.1khz");
+  EXPECT_EQ(SampleRateText(88200), "88.2khz");
+  EXPECT_EQ(SampleRateText(22050), "22khz");
+  EXPECT_EQ(SampleRateText(11025), "11khz");
+  EXPECT_EQ(SampleRateText(44110), "44.11khz");
+  EXPECT_EQ(SampleRateText(44101), "44.1khz");
+  EXPECT_EQ(SampleRateText(44111), "44.111khz");
+  EXPECT_EQ(PlaytimeText(0), "0:00:00");
+  EXPECT_EQ(PlaytimeText(499), "0:00:00");
+  EXPECT_EQ(PlaytimeText(500), "0:00:01");
+  EXPECT_EQ(PlaytimeText(3723400), "1:02:03");
+  EXPECT_EQ(PlaytimeText(36000000), "10:00:00");
+}
+
+// The check words of real frames (ffmpeg's encoder and two disc samples) must come out as they
+// stand in the stream, and the first five eighths with crc1 must have a CRC of zero.
+TEST(Ac3Bitstream, CrcsOfRealFrames) {
+  SKIP_WITHOUT_AC3_CORPUS();
+  for (std::string name : {"gen/ac3_20_192k.ac3", "gen/ac3_51_448k.ac3",
+                           "public/ac3/monsters_inc_5.1_448_small.ac3"}) {
+    auto bytes = ReadBytes(CorpusDir() + "/" + name);
+    ASSERT_GT(bytes.size(), 4000u) << name;
+    uint32_t at = 0;
+    for (int frames = 0; frames < 20; frames++) {
+      TAc3FrameInfo info;
+      ASSERT_EQ(ParseAc3Frame(bytes.data() + at, uint32_t(bytes.size() - at), info), 0) << name;
+      const uint8_t* frame = bytes.data() + at;
+      EXPECT_EQ(Ac3Crc1(frame, info.frameSize), Le16(frame + 2));
+      EXPECT_EQ(Ac3Crc2(frame, info.frameSize), Le16(frame + info.frameSize - 2));
+      uint32_t five8 = 2 * ((info.frameSize >> 2) + (info.frameSize >> 4));
+      EXPECT_EQ(Ac3CrcBytes(frame + 2, five8 - 2), 0) << name;
+      EXPECT_EQ(Ac3CrcBytes(frame + 2, info.frameSize - 2), 0) << name;
+      at += info.frameSize;
+    }
+  }
+  auto eac3 = ReadBytes(CorpusDir() + "/gen/eac3_51_640k.eac3");
+  ASSERT_GT(eac3.size(), 3000u);
+  TAc3FrameInfo info;
+  ASSERT_EQ(ParseEac3Frame(eac3.data(), uint32_t(eac3.size()), info), 0);
+  EXPECT_EQ(Eac3Crc(eac3.data(), info.frameSize), Le16(eac3.data() + info.frameSize - 2));
+  EXPECT_EQ(Ac3CrcBytes(eac3.data() + 2, info.frameSize - 2), 0);
+}
+
+}  // namespace
+}  // namespace sonvex::ac3test

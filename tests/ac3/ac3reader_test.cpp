@@ -1,0 +1,392 @@
+// TAc3Reader: the parser battery, the listing facts against ffprobe, the first-frame rules, the
+// end of a damaged stream, and time stamps.
+#include "ac3/ac3reader.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+
+#include "ac3testutil.h"
+#include "framework/bitreader.h"
+#include "support/battery.h"
+
+namespace sonvex::ac3test {
+namespace {
+
+StageFactory ChainReader() {
+  return [] { return UpStreamRef(TAc3Reader::Create("", "", false)); };
+}
+StageFactory ExactReader() {
+  return [] { return UpStreamRef(TAc3Reader::Create()); };
+}
+
+// Pushes `stream` through a fresh reader in pieces; the reader and its capture stay reachable.
+struct ReaderRun {
+  std::shared_ptr<TAc3Reader> reader;
+  std::shared_ptr<TCapture> capture = TCapture::Create();
+  bool ok = false;
+};
+ReaderRun RunReader(const std::vector<uint8_t>& stream, size_t piece = 4096,
+                    bool exactStart = false) {
+  ReaderRun run;
+  run.reader = TAc3Reader::Create("", "", exactStart);
+  run.reader->AppendUpStream(run.capture);
+  bool ok = run.reader->InitAudio("?", 1, 8, 48000, false, int64_t(stream.size()));
+  for (size_t at = 0; ok && at < stream.size(); at += piece)
+    ok = run.reader->Write(0, false, stream.data() + at,
+                           uint32_t(std::min(piece, stream.size() - at)), -1, false);
+  run.ok = ok && run.reader->Finish();
+  return run;
+}
+
+std::vector<uint8_t> Ac3Stream(int frames, uint32_t dialnorm = 27) {
+  Ac3FrameSpec spec;
+  spec.dialnorm = dialnorm;
+  return Repeat(MakeAc3Frame(spec), frames);
+}
+
+// ffprobe's facts about the first audio stream of a file, as key=value pairs.
+std::map<std::string, std::string> Probe(const std::string& file) {
+  std::string text;
+  RunCommand("ffprobe -v error -count_packets -select_streams a:0 -show_entries "
+             "stream=channels,sample_rate,bit_rate,channel_layout,nb_read_packets:"
+             "format=duration -of default=nw=1 '" + file + "'",
+             &text);
+  std::map<std::string, std::string> facts;
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line))
+    if (auto eq = line.find('='); eq != std::string::npos)
+      facts[line.substr(0, eq)] = line.substr(eq + 1);
+  return facts;
+}
+
+std::string LayoutText(const std::string& ffprobeLayout) {
+  if (ffprobeLayout == "stereo") return "2.0";
+  if (ffprobeLayout == "mono") return "1.0";
+  if (ffprobeLayout == "5.1(side)" || ffprobeLayout == "5.1") return "5.1";
+  return ffprobeLayout;
+}
+
+std::vector<std::string> CorpusAc3Files() {
+  std::vector<std::string> files;
+  for (const char* folder : {"gen", "public/ac3", "public/eac3"}) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(CorpusDir() + "/" + folder, error)) {
+      std::string ext = entry.path().extension().string();
+      if (ext == ".ac3" || ext == ".eac3") files.push_back(entry.path().string());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+TEST(Ac3Reader, BatteryOnCorpusStreams) {
+  SKIP_WITHOUT_AC3_CORPUS();
+  for (const char* name : {"gen/ac3_20_192k.ac3", "public/eac3/csi_miami_5.1_256_spx_small.eac3"}) {
+    SCOPED_TRACE(name);
+    auto stream = ReadBytes(CorpusDir() + "/" + name);
+    ASSERT_FALSE(stream.empty());
+    RunParserBattery(ChainReader(), stream, stream);
+    RunParserBattery(ExactReader(), stream, stream);
+  }
+}
+
+// Every AC3 and E-AC3 file of the corpus: one frame per block, the frame count, and the facts
+// of the listing as ffprobe sees them.
+TEST(Ac3Reader, ListingFactsMatchFfprobe) {
+  SKIP_WITHOUT_AC3_CORPUS();
+  if (!HaveTool("ffprobe")) GTEST_SKIP() << "ffprobe absent";
+  auto files = CorpusAc3Files();
+  ASSERT_GE(files.size(), 9u);
+  for (const std::string& file : files) {
+    SCOPED_TRACE(file);
+    auto stream = ReadBytes(file);
+    auto facts = Probe(file);
+    ReaderRun run = RunReader(stream, 16384);
+    ASSERT_TRUE(run.ok);
+    auto details = run.reader->AudioDetails();
+    bool eac3 = file.ends_with(".eac3");
+    EXPECT_EQ(details->Format(), eac3 ? "eac3" : "ac3");
+    EXPECT_EQ(std::to_string(details->Channels()), facts["channels"]);
+    EXPECT_EQ(std::to_string(details->SampleRate()), facts["sample_rate"]);
+    EXPECT_EQ(std::to_string(details->Bitrate()), facts["bit_rate"]);
+    EXPECT_EQ(details->ChannelLayout(), LayoutText(facts["channel_layout"]));
+    // The listing's length comes from the file size and the bit rate.
+    double seconds = std::stod(facts["duration"]);
+    EXPECT_NEAR(details->Duration(), seconds * 1000, 2.0 + (eac3 ? 0 : 0));
+    std::string expected = std::string(eac3 ? "E-AC3" : "AC3") + ", " +
+                           LayoutText(facts["channel_layout"]) + " channels, " +
+                           HoursMinutesSeconds(uint32_t(seconds * 1000 + 0.5)) + ", " +
+                           std::to_string(std::stoul(facts["bit_rate"]) / 1000) + "kbit/s, 48khz";
+    EXPECT_EQ(details->Description().substr(0, expected.size()), expected);
+    // One frame per block; a cut last frame is left out, junk in front is dropped.
+    size_t frames = std::stoul(facts["nb_read_packets"]);
+    uint64_t sent = run.capture->bytes.size();
+    EXPECT_TRUE(run.capture->blocks.size() == frames || run.capture->blocks.size() + 1 == frames);
+    EXPECT_TRUE(std::search(stream.begin(), stream.end(), run.capture->bytes.begin(),
+                            run.capture->bytes.end()) != stream.end() || sent == 0);
+    ASSERT_EQ(run.capture->audioInits.size(), 1u);
+    EXPECT_EQ(run.capture->audioInits[0].format, eac3 ? "eac3" : "ac3");
+    EXPECT_EQ(run.capture->audioInits[0].bits, 24u);
+  }
+}
+
+TEST(Ac3Reader, JunkInFrontIsDroppedUpToTheLimit) {
+  SKIP_WITHOUT_AC3_CORPUS();
+  auto junkFile = ReadBytes(CorpusDir() + "/public/eac3/csi_miami_stereo_128_spx_junk352.eac3");
+  ReaderRun run = RunReader(junkFile, 1000);
+  ASSERT_TRUE(run.ok);
+  EXPECT_TRUE(std::equal(run.capture->bytes.begin(), run.capture->bytes.end(),
+                         junkFile.begin() + 352));
+  EXPECT_EQ(run.capture->bytes.size() % 512, 0u);  // whole 128 kbit/s frames
+  // Format detection wants the frame at byte 0.
+  EXPECT_FALSE(RunReader(junkFile, 1000, true).ok);
+
+  auto frames = Ac3Stream(40);
+  std::vector<uint8_t> junk(12287, 0x0B);
+  for (size_t piece : {size_t(1000), size_t(4097), size_t(100000)}) {
+    ReaderRun accepted = RunReader(Concat({junk, frames}), piece);
+    EXPECT_TRUE(accepted.ok) << piece;
+    EXPECT_EQ(accepted.capture->bytes, frames) << piece;
+  }
+  LogRecorder log;
+  junk.push_back(0);
+  ReaderRun refused = RunReader(Concat({junk, frames}), 4096);
+  EXPECT_FALSE(refused.ok);
+  EXPECT_TRUE(refused.capture->bytes.empty());
+  EXPECT_TRUE(log.Has(2, "This doesn't seem to be a valid (E-)AC3 stream."));
+}
+
+TEST(Ac3Reader, JunkOfEverySmallLengthWithSplitPushes) {
+  auto frames = Ac3Stream(12);
+  for (size_t junkSize = 2300; junkSize < 2340; junkSize++) {
+    std::vector<uint8_t> junk(junkSize, 0x55);
+    ReaderRun run = RunReader(Concat({junk, frames}), 4104);
+    EXPECT_TRUE(run.ok) << junkSize;
+    EXPECT_EQ(run.capture->bytes, frames) << junkSize;
+  }
+}
+
+TEST(Ac3Reader, DamagedFrameAtStartIsSkippedButInMidStreamEndsTheRun) {
+  auto good = MakeAc3Frame({});
+  auto bad = good;
+  bad[300] ^= 0x40;
+  ReaderRun start = RunReader(Concat({bad, Repeat(good, 10)}));
+  EXPECT_TRUE(start.ok);
+  EXPECT_EQ(start.capture->bytes, Repeat(good, 10));
+
+  LogRecorder log;
+  auto stream = Concat({Repeat(good, 10), bad, Repeat(good, 10)});
+  ReaderRun middle = RunReader(stream, 5000);
+  EXPECT_FALSE(middle.ok);
+  EXPECT_FALSE(middle.reader->IsValid());
+  EXPECT_EQ(middle.capture->bytes, Repeat(good, 10));
+  ASSERT_TRUE(log.Has(2, "This track is not clean. Processing aborted."));
+  ASSERT_TRUE(log.Has(2, "Please clean the track with delaycut and then retry sonvex."));
+  EXPECT_EQ(log.lines.size(), 2u);
+  EXPECT_EQ(log.lines[0].second, "This track is not clean. Processing aborted.");
+  // A dead stage stays dead.
+  EXPECT_FALSE(middle.reader->Write(0, false, good.data(), uint32_t(good.size()), -1, false));
+}
+
+TEST(Ac3Reader, FirstFrameJudgement) {
+  auto frame = MakeAc3Frame({});
+  {
+    LogRecorder log;
+    ReaderRun one = RunReader(frame);
+    EXPECT_FALSE(one.ok);
+    EXPECT_TRUE(log.Has(2, "This track is not clean. Processing aborted."));
+    EXPECT_TRUE(log.Has(2, "Please clean the track with delaycut and then retry sonvex."));
+  }
+  {
+    LogRecorder log;
+    std::vector<uint8_t> truehd = {0x0F, 0x2E, 0x12, 0x34, 0xF8, 0x72, 0x6F, 0xBA};
+    truehd.resize(6000, 0);
+    ReaderRun thd = RunReader(Concat({frame, truehd}));
+    EXPECT_FALSE(thd.ok);
+    EXPECT_TRUE(log.Has(2, "This is a TrueHD/AC3 stream and not an AC3 stream."));
+    EXPECT_FALSE(log.Has(2, "This track is not clean. Processing aborted."));
+  }
+  {
+    LogRecorder log;
+    ReaderRun garbage = RunReader(RandomBytes(50000, 7));
+    EXPECT_FALSE(garbage.ok);
+    EXPECT_TRUE(log.Has(2, "This doesn't seem to be a valid (E-)AC3 stream."));
+  }
+  {
+    LogRecorder log;
+    ReaderRun empty = RunReader({});
+    EXPECT_FALSE(empty.ok);
+    EXPECT_TRUE(log.Has(2, "The stream doesn't seem to contain any valid (E-)AC3 frames."));
+  }
+  {
+    LogRecorder log;  // an E-AC3 frame with a reserved rate code at byte 0
+    Eac3FrameSpec spec;
+    spec.fscod = 3;
+    spec.numblkscod = 3;
+    ReaderRun reserved = RunReader(Repeat(MakeEac3Frame(spec), 10), 4096, true);
+    EXPECT_FALSE(reserved.ok);
+    EXPECT_TRUE(log.Has(2, "Parsing of (E-)AC3 headers failed."));
+  }
+}
+
+TEST(Ac3Reader, CutLastFrameIsSkippedWithAWarning) {
+  auto frames = Ac3Stream(20);
+  std::vector<uint8_t> cut(frames.begin(), frames.end() - 100);
+  LogRecorder log;
+  ReaderRun run = RunReader(cut, 3000);
+  EXPECT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->bytes, Ac3Stream(19));
+  EXPECT_TRUE(log.Has(1, "The last (E-)AC3 frame is incomplete and thus gets skipped."));
+  EXPECT_EQ(run.capture->finished, 1);
+}
+
+TEST(Ac3Reader, Eac3StreamLosesLeadingDependentFrame) {
+  Eac3FrameSpec dep;
+  dep.streamType = 1;
+  dep.acmod = 2;
+  dep.lfe = 0;
+  dep.words = 256;
+  dep.chanmap = 0x0200;
+  auto dependent = MakeEac3Frame(dep);
+  auto unit = Concat({MakeEac3Frame({}), dependent});
+  auto stream = Concat({dependent, Repeat(unit, 12)});
+  ReaderRun run = RunReader(stream, 777, true);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->bytes, Repeat(unit, 12));
+  for (uint32_t size : run.capture->blocks) EXPECT_EQ(size, unit.size());
+  auto details = run.reader->AudioDetails();
+  EXPECT_EQ(details->ChannelLayout(), "7.1");
+  EXPECT_EQ(details->Channels(), 8u);
+  EXPECT_EQ(details->Description(),
+            "E-AC3, 7.1 channels, 0:00:00, 320kbit/s, 48khz, dialnorm: -24dB");
+}
+
+TEST(Ac3Reader, StageContractMessages) {
+  auto frame = MakeAc3Frame({});
+  {
+    LogRecorder log;
+    auto reader = TAc3Reader::Create();
+    reader->AppendUpStream(TCapture::Create());
+    EXPECT_FALSE(reader->Write(0, false, frame.data(), uint32_t(frame.size()), -1, false));
+    EXPECT_TRUE(log.Has(2, "The (E-)AC3 reader didn't receive the format information."));
+  }
+  {
+    LogRecorder log;
+    auto reader = TAc3Reader::Create();
+    reader->AppendUpStream(TCapture::Create());
+    EXPECT_FALSE(reader->InitAudio("dts", 2, 16, 48000, false, 0));
+    EXPECT_TRUE(log.Has(2, "The (E-)AC3 reader received a non-supported data format."));
+  }
+  {
+    LogRecorder log;
+    auto reader = TAc3Reader::Create();
+    EXPECT_FALSE(reader->InitAudio("ac3", 1, 8, 48000, false, 0));
+    EXPECT_TRUE(log.Has(2, "The (E-)AC3 reader upstream property is not set."));
+  }
+}
+
+// Frames of 32 ms pushed one by one with container stamps.
+struct StampedRun {
+  std::shared_ptr<TAc3Reader> reader;
+  std::shared_ptr<TCapture> capture = TCapture::Create();
+  bool ok = true;
+};
+StampedRun RunStamped(int frames, const std::function<int64_t(int)>& stampOf,
+                      const std::string& gapFile, const std::string& gapData = {},
+                      int32_t delayMs = 0) {
+  StampedRun run;
+  run.reader = TAc3Reader::Create(gapFile, gapData, false);
+  run.reader->AppendUpStream(run.capture);
+  if (delayMs) run.reader->SetDelay(0, delayMs);
+  auto frame = MakeAc3Frame({});
+  run.ok = run.reader->InitAudio("ac3", 0, 0, 0, false, 0);
+  for (int i = 0; run.ok && i < frames; i++)
+    run.ok = run.reader->Write(0, false, frame.data(), uint32_t(frame.size()), stampOf(i), false);
+  run.ok = run.ok && run.reader->Finish();
+  return run;
+}
+
+constexpr int64_t kFrame = 320000;        // 32 ms in ticks
+constexpr int64_t kStart = 1000000000;    // the container's clock does not start at 0
+
+TEST(Ac3Reader, GapIsReportedAndWritten) {
+  ScratchDir dir;
+  std::string gapFile = dir / "out.ac3.gaps";
+  LogRecorder log;
+  // 200 ms missing after frame 200, 100 ms more after frame 300; 1300 frames = 41.6 s.
+  auto stamp = [](int i) {
+    return kStart + i * kFrame + (i >= 200 ? 2000000 : 0) + (i >= 300 ? 1000000 : 0);
+  };
+  StampedRun run = RunStamped(1300, stamp, gapFile, {}, 1000);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->bytes.size(), 1300u * 768);
+  EXPECT_TRUE(log.Has(1, "Audio has a gap of 200ms at playtime 0:00:08."));
+  EXPECT_TRUE(log.Has(1, "Audio has a gap of 100ms at playtime 0:00:11."));
+  EXPECT_TRUE(log.Has(1, "The audio file was demuxed without making use of the gap/overlap information."));
+  EXPECT_TRUE(log.Has(1, "Please rerun the same sonvex command line. That will correct the gaps/overlaps."));
+  auto bytes = ReadBytes(gapFile);
+  ASSERT_EQ(bytes.size(), 32u);
+  // Times carry the 1000 ms delay; drift is cumulated.
+  EXPECT_EQ(int64_t(Le64(bytes.data())), 200 * kFrame + 2000000 + 10000000);
+  EXPECT_EQ(int64_t(Le64(bytes.data() + 8)), 2000000);
+  EXPECT_EQ(int64_t(Le64(bytes.data() + 16)), 300 * kFrame + 3000000 + 10000000);
+  EXPECT_EQ(int64_t(Le64(bytes.data() + 24)), 3000000);
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), run.reader->VideoDetails()->GapData());
+}
+
+TEST(Ac3Reader, OverlapAndSmallJitter) {
+  ScratchDir dir;
+  std::string gapFile = dir / "out.ac3.gaps";
+  LogRecorder log;
+  // 100 ms of overlap at frame 100, and 3 ms of jitter everywhere else.
+  auto stamp = [](int i) {
+    return kStart + i * kFrame - (i >= 100 ? 1000000 : 0) + (i % 2 ? 30000 : 0);
+  };
+  StampedRun run = RunStamped(1100, stamp, gapFile);
+  ASSERT_TRUE(run.ok);
+  EXPECT_TRUE(log.Has(1, "Audio overlaps for 100ms at playtime 0:00:03."));
+  EXPECT_EQ(ReadBytes(gapFile).size(), 16u);
+}
+
+TEST(Ac3Reader, GapsInTheLastThirtySecondsAreIgnoredAndOldFileDeleted) {
+  ScratchDir dir;
+  std::string gapFile = dir / "out.ac3.gaps";
+  WriteBytes(gapFile, std::vector<uint8_t>(16, 1));
+  LogRecorder log;
+  // 1100 frames = 35.2 s; the gap at 6.4 s is 28.8 s before the end.
+  auto stamp = [](int i) { return kStart + i * kFrame + (i >= 200 ? 2000000 : 0); };
+  StampedRun run = RunStamped(1100, stamp, gapFile);
+  ASSERT_TRUE(run.ok);
+  EXPECT_FALSE(std::filesystem::exists(gapFile));
+  EXPECT_TRUE(log.lines.empty());
+}
+
+TEST(Ac3Reader, GapDataGivenMeansNoTracking) {
+  ScratchDir dir;
+  std::string gapFile = dir / "out.ac3.gaps";
+  WriteBytes(gapFile, std::vector<uint8_t>(16, 1));
+  auto stamp = [](int i) { return kStart + i * kFrame + (i >= 200 ? 2000000 : 0); };
+  StampedRun run = RunStamped(1300, stamp, gapFile, std::string(32, '\0'));
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(ReadBytes(gapFile), std::vector<uint8_t>(16, 1));
+  EXPECT_TRUE(run.reader->Gaps().empty());
+}
+
+TEST(Ac3Reader, InitialDelayCountsFramesBeforeTheFirstStamp) {
+  // A frame is checked once 3848 bytes wait behind it: with one 768-byte frame per Write, the
+  // Writes 5 to 9 each check one frame before the first stamp comes with Write 10.
+  StampedRun run = RunStamped(20, [](int i) { return i < 10 ? int64_t(-1) : kStart + i * kFrame; },
+                              "");
+  ASSERT_TRUE(run.ok);
+  EXPECT_TRUE(run.reader->HasTimestamps());
+  EXPECT_EQ(run.reader->InitialDelay(), -5 * 32);
+  StampedRun none = RunStamped(20, [](int) { return int64_t(-1); }, "");
+  EXPECT_FALSE(none.reader->HasTimestamps());
+  EXPECT_EQ(none.reader->InitialDelay(), -20 * 32);
+}
+
+}  // namespace
+}  // namespace sonvex::ac3test

@@ -1,0 +1,206 @@
+// Helpers for the AC3 family tests: a bit writer for synthetic frames, corpus access, a log
+// recorder and running the oracle tools.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ac3/ac3bitstream.h"
+#include "framework/console.h"
+#include "support/capture.h"
+
+namespace sonvex::ac3test {
+
+using namespace sonvex::test;
+
+class BitWriter {
+public:
+  void Put(int bits, uint32_t value) {
+    for (int i = bits - 1; i >= 0; i--) {
+      if (used % 8 == 0) bytes.push_back(0);
+      if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (used % 8));
+      used++;
+    }
+  }
+  std::vector<uint8_t> bytes;
+  size_t used = 0;
+};
+
+inline void PutBe16(uint8_t* p, uint16_t v) {
+  p[0] = uint8_t(v >> 8);
+  p[1] = uint8_t(v);
+}
+
+// One AC-3 frame at 48 kHz with valid CRCs; the audio blocks are zero bits.
+struct Ac3FrameSpec {
+  uint32_t frmsizecod = 20;  // 192 kbit/s
+  uint32_t fscod = 0;
+  uint32_t bsid = 8;
+  uint32_t acmod = 2;
+  uint32_t lfe = 0;
+  uint32_t dialnorm = 27;
+};
+inline std::vector<uint8_t> MakeAc3Frame(const Ac3FrameSpec& spec) {
+  BitWriter w;
+  w.Put(16, 0x0B77);          // syncword
+  w.Put(16, 0);               // crc1, filled in below
+  w.Put(2, spec.fscod);       // fscod
+  w.Put(6, spec.frmsizecod);  // frmsizecod
+  w.Put(5, spec.bsid);        // bsid
+  w.Put(3, 0);                // bsmod
+  w.Put(3, spec.acmod);       // acmod
+  if ((spec.acmod & 1) && spec.acmod != 1) w.Put(2, 1);  // cmixlev
+  if (spec.acmod & 4) w.Put(2, 1);                       // surmixlev
+  if (spec.acmod == 2) w.Put(2, 0);                      // dsurmod
+  w.Put(1, spec.lfe);         // lfeon
+  w.Put(5, spec.dialnorm);    // dialnorm
+  w.Put(1, 0);                // compre
+  w.Put(1, 0);                // langcode
+  w.Put(1, 0);                // audprodie
+  if (spec.acmod == 0) w.Put(8, (spec.dialnorm << 3));  // dialnorm2, compr2e, langcod2e, audprodi2e
+  w.Put(1, 0);                // copyrightb
+  w.Put(1, 1);                // origbs
+  w.Put(1, 0);                // timecod1e
+  w.Put(1, 0);                // timecod2e
+  w.Put(1, 0);                // addbsie
+  static constexpr uint32_t kKbps[] = {32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
+                                       192, 224, 256, 320, 384, 448, 512, 576, 640};
+  static constexpr uint32_t kRates[] = {48000, 44100, 32000};
+  uint32_t size = kKbps[spec.frmsizecod >> 1] * 1000 * 192 / kRates[spec.fscod];
+  if (spec.fscod == 1) size = (size & ~1u) + ((spec.frmsizecod & 1) ? 2 : 0);
+  std::vector<uint8_t> frame = w.bytes;
+  frame.resize(size, 0);
+  uint16_t crc1 = Ac3Crc1(frame.data(), size);
+  frame[2] = uint8_t(crc1);
+  frame[3] = uint8_t(crc1 >> 8);
+  uint16_t crc2 = Ac3Crc2(frame.data(), size);
+  frame[size - 2] = uint8_t(crc2);
+  frame[size - 1] = uint8_t(crc2 >> 8);
+  return frame;
+}
+
+// One E-AC-3 frame with a valid CRC; `chanmap` is written for dependent frames when not 0.
+struct Eac3FrameSpec {
+  uint32_t streamType = 0;
+  uint32_t substreamId = 0;
+  uint32_t words = 384;  // frame size in 16-bit words
+  uint32_t fscod = 0;
+  uint32_t numblkscod = 3;
+  uint32_t acmod = 7;
+  uint32_t lfe = 1;
+  uint32_t dialnorm = 24;
+  bool compre = false;
+  uint32_t chanmap = 0;
+};
+inline std::vector<uint8_t> MakeEac3Frame(const Eac3FrameSpec& spec) {
+  BitWriter w;
+  w.Put(16, 0x0B77);             // syncword
+  w.Put(2, spec.streamType);     // strmtyp
+  w.Put(3, spec.substreamId);    // substreamid
+  w.Put(11, spec.words - 1);     // frmsiz
+  w.Put(2, spec.fscod);          // fscod
+  w.Put(2, spec.numblkscod);     // numblkscod (fscod2 when fscod is 3)
+  w.Put(3, spec.acmod);          // acmod
+  w.Put(1, spec.lfe);            // lfeon
+  w.Put(5, 16);                  // bsid
+  w.Put(5, spec.dialnorm);       // dialnorm
+  w.Put(1, spec.compre);         // compre
+  if (spec.compre) w.Put(8, 0x55);  // compr
+  if (spec.streamType == 1) {
+    w.Put(1, spec.chanmap != 0);     // chanmape
+    if (spec.chanmap) w.Put(16, spec.chanmap);  // chanmap
+  }
+  std::vector<uint8_t> frame = w.bytes;
+  uint32_t size = spec.words * 2;
+  frame.resize(size, 0);
+  uint16_t crc = Eac3Crc(frame.data(), size);
+  frame[size - 2] = uint8_t(crc);
+  frame[size - 1] = uint8_t(crc >> 8);
+  return frame;
+}
+
+inline std::vector<uint8_t> Concat(std::initializer_list<std::vector<uint8_t>> parts) {
+  std::vector<uint8_t> out;
+  for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& part, int n) {
+  std::vector<uint8_t> out;
+  for (int i = 0; i < n; i++) out.insert(out.end(), part.begin(), part.end());
+  return out;
+}
+
+inline std::string CorpusDir() { return SONVEX_CORPUS; }
+inline bool HaveCorpus() { return std::filesystem::is_directory(CorpusDir()); }
+#define SKIP_WITHOUT_AC3_CORPUS() \
+  if (!::sonvex::ac3test::HaveCorpus()) GTEST_SKIP() << "corpus folder absent"
+
+inline std::vector<uint8_t> ReadBytes(const std::string& name) {
+  std::ifstream in(name, std::ios::binary);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+inline void WriteBytes(const std::string& name, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(name, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+// Runs a shell command; returns its exit code and fills `output` with its standard output.
+inline int RunCommand(const std::string& command, std::string* output = nullptr) {
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return -1;
+  char buffer[4096];
+  std::string text;
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+  int status = pclose(pipe);
+  if (output) *output = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+inline bool HaveTool(const std::string& tool) {
+  return RunCommand("command -v " + tool + " >/dev/null 2>&1") == 0;
+}
+
+// A scratch folder of the test, removed at the end.
+struct ScratchDir {
+  ScratchDir() {
+    path = std::filesystem::temp_directory_path() /
+           ("sonvex_ac3_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+    std::filesystem::create_directories(path);
+  }
+  ~ScratchDir() {
+    std::error_code e;
+    std::filesystem::remove_all(path, e);
+  }
+  std::string operator/(const std::string& name) const { return (path / name).string(); }
+  std::filesystem::path path;
+  static inline int counter = 0;
+};
+
+// Records the lines the stages log while it lives.
+struct LogRecorder {
+  LogRecorder() {
+    SetLogHook([this](int level, const std::string& text) { lines.push_back({level, text}); });
+  }
+  ~LogRecorder() { SetLogHook(nullptr); }
+  bool Has(int level, const std::string& text) const {
+    for (const auto& line : lines)
+      if (line.first == level && line.second == text) return true;
+    return false;
+  }
+  size_t Count(const std::string& text) const {
+    size_t n = 0;
+    for (const auto& line : lines) n += line.second == text;
+    return n;
+  }
+  std::vector<std::pair<int, std::string>> lines;
+};
+
+}  // namespace sonvex::ac3test

@@ -1,0 +1,73 @@
+// The program end to end: help, refusals with their exact words and exit codes, the log copy.
+#include <gtest/gtest.h>
+
+#include "support/e2e.h"
+
+namespace sonvex {
+namespace {
+
+using namespace sonvex::test;
+
+TEST(MainRun, NoArgumentsPrintsTheHelpAndSucceeds) {
+  TempDir dir;
+  RunResult r = RunSonvex({}, dir.path());
+  EXPECT_EQ(r.exitCode, 0);
+  auto lines = r.Lines();
+  ASSERT_GT(lines.size(), 40u);
+  EXPECT_EQ(lines[0].rfind("sonvex v", 0), 0u);
+  EXPECT_EQ(lines[2], "- can show information about audio, video and VOB/EVO/(M2)TS files");
+  EXPECT_TRUE(r.HasLine("Options:"));
+  EXPECT_TRUE(r.HasLine("For video muxing you need:"));
+  // The log file was made with its three header lines.
+  std::string log = ReadFile(dir.path() / ".state/sonvex/log.txt");
+  EXPECT_EQ(log.rfind("sonvex v", 0), 0u);
+  EXPECT_NE(log.find("\ncommand line: "), std::string::npos);
+  EXPECT_NE(log.find("\n" + std::string(78, '-') + "\n"), std::string::npos);
+}
+
+struct Failure {
+  std::vector<std::string> args;
+  std::string message;
+  std::string logCopy;  // where the log must be copied, empty for nowhere
+};
+
+TEST(MainRun, RefusalsEndWithTheirMessageExitCodeOneAndTheLogCopy) {
+  TempDir dir;
+  { std::ofstream(dir / "empty.ac3"); }
+  {
+    std::ofstream garbage(dir / "garbage.bin", std::ios::binary);
+    for (int i = 0; i < 300000; i++) garbage.put(char((i * 7919) >> 3));
+  }
+  fs::create_directories(dir.path() / "nodisc");
+  fs::create_directories(dir.path() / "out");
+  const Failure failures[] = {
+      {{"missing.ac3", "out.wav"}, "Source file \"missing.ac3\" not found.", ""},
+      {{"empty.ac3", "out/x.wav", "-bogus"}, "Command line parameter \"bogus\" is unknown.",
+       "out/x - Log.txt"},
+      {{"nodisc", "out.wav"}, "HD DVD / Blu-Ray disc structure not found.", ""},
+      {{"empty.ac3", "out/e.wav"}, "The format of the source file could not be detected.",
+       "out/e - Log.txt"},
+      {{"garbage.bin", "out/g.wav"}, "The format of the source file could not be detected.",
+       "out/g - Log.txt"},
+      {{"empty.ac3", "EMPTY.AC3"}, "Input and output file names overlap.", "EMPTY - Log.txt"},
+      {{"garbage.bin", "-log=mine.txt"}, "The format of the source file could not be detected.",
+       "mine.txt"},
+  };
+  for (const Failure& f : failures) {
+    RunResult r = RunSonvex(f.args, dir.path());
+    EXPECT_EQ(r.exitCode, 1) << f.message;
+    auto lines = r.Lines();
+    ASSERT_FALSE(lines.empty()) << f.message;
+    EXPECT_EQ(lines.back(), f.message);
+    if (!f.logCopy.empty()) {
+      std::string copy = ReadFile(dir.path() / f.logCopy);
+      EXPECT_NE(copy.find(f.message), std::string::npos) << "log copy " << f.logCopy;
+    }
+  }
+  // A refused run leaves no destination behind, only the copies of its log.
+  for (const std::string& name : ListFiles(dir.path() / "out"))
+    EXPECT_NE(name.find(" - Log.txt"), std::string::npos) << name;
+}
+
+}  // namespace
+}  // namespace sonvex
