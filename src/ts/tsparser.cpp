@@ -11,7 +11,8 @@
 
 namespace sonvex {
 
-TTsParser::TTsParser(bool listPids, bool dtsOption) : ListPids(listPids), DtsOption(dtsOption) {}
+TTsParser::TTsParser(bool listPids, bool dtsOption)
+    : readerFactory(CreateTsTrackReader), ListPids(listPids), DtsOption(dtsOption) {}
 
 bool TTsParser::InitContainer(const std::string& format, int64_t totalSize, int64_t playTime) {
   if (!valid) return false;
@@ -216,7 +217,7 @@ void TTsParser::AddTrack(bool isVideo, uint32_t pid, const std::string& tag,
   track.IsVideo = isVideo;
   track.Pid = pid;
   track.Description = description;
-  UpStreamRef reader = CreateTsTrackReader(tag, DtsOption);
+  UpStreamRef reader = readerFactory(tag, DtsOption);
   if (!reader) {
     Log(2, "The Ts found an unexpected audio/video format (" + tag + ").");
   } else {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +23,10 @@ public:
   static std::shared_ptr<TTsParser> Create(bool tsOption, bool dtsOption = false) {
     return std::make_shared<TTsParser>(tsOption, dtsOption);
   }
+
+  // Where the readers of the private chains come from; CreateTsTrackReader unless told otherwise.
+  using ReaderFactory = std::function<UpStreamRef(const std::string& tag, bool dtsOption)>;
+  void SetReaderFactory(ReaderFactory factory) { readerFactory = std::move(factory); }
 
   uint32_t BlockSize() override { return 314572800; }
   bool InitContainer(const std::string& format, int64_t totalSize, int64_t playTime) override;
@@ -61,6 +66,7 @@ private:
   void FeedPes(bool isVideo, uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart);
   void AnnounceContainer();
 
+  ReaderFactory readerFactory;
   const bool ListPids;
   const bool DtsOption;
   bool formatSeen = false;

@@ -76,40 +76,51 @@ UpStreamRef StandIn(const std::string& tag, const char* name, bool isVideo) {
 
 }  // namespace
 
+UpStreamRef CreateTsStreamStandIn(const std::string& tag) {
+  if (tag == "vc1") return StandIn(tag, "VC-1", true);
+  if (tag == "h264") return StandIn(tag, "h264/AVC", true);
+  if (tag == "mpeg2") return StandIn(tag, "MPEG2", true);
+  if (tag == "mp2") return StandIn(tag, "MP2", false);
+  if (tag == "ac3") return StandIn(tag, "AC3", false);
+  if (tag == "dts") return StandIn(tag, "DTS", false);
+  if (tag == "thd") return StandIn(tag, "TrueHD", false);
+  return nullptr;
+}
+
 UpStreamRef CreateTsTrackReader(const std::string& tag, bool dtsOption) {
   (void)dtsOption;
   if (tag == "vc1" || tag == "h264" || tag == "mpeg2") {
 #ifdef SONVEX_HAS_VIDEO_READERS
     if (UpStreamRef reader = CreateFrameCounter(tag)) return reader;
 #endif
-    return StandIn(tag, tag == "vc1" ? "VC-1" : tag == "h264" ? "h264/AVC" : "MPEG2", true);
+    return CreateTsStreamStandIn(tag);
   }
   if (tag == "mp2") {
 #ifdef SONVEX_HAS_MP2_READER
     return TMp2Reader::Create("", "", false);
 #else
-    return StandIn(tag, "MP2", false);
+    return CreateTsStreamStandIn(tag);
 #endif
   }
   if (tag == "ac3") {
 #ifdef SONVEX_HAS_AC3_READER
     return TAc3Reader::Create("", "", false);
 #else
-    return StandIn(tag, "AC3", false);
+    return CreateTsStreamStandIn(tag);
 #endif
   }
   if (tag == "dts") {
 #ifdef SONVEX_HAS_DTS_READER
     return TDtsReader::Create("", "", false, dtsOption, false);
 #else
-    return StandIn(tag, "DTS", false);
+    return CreateTsStreamStandIn(tag);
 #endif
   }
   if (tag == "thd") {
 #ifdef SONVEX_HAS_THD_READER
     return TThdReader::Create("", "", false, false);
 #else
-    return StandIn(tag, "TrueHD", false);
+    return CreateTsStreamStandIn(tag);
 #endif
   }
   if (tag == "ts/pcm" || tag == "m2ts/pcm") return TTsPcmReader::Create();

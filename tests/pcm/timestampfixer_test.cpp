@@ -9,7 +9,7 @@
 #include "support/capture.h"
 #include "ts/tsbuilder.h"
 
-namespace sonvex::test {
+namespace sonvex::tstest {
 namespace {
 
 constexpr uint32_t kBlockBytes = 4800 * 4;  // 100 ms of 48 kHz stereo 16-bit
@@ -113,4 +113,4 @@ TEST(TimestampFixer, RefusesBadFormats) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

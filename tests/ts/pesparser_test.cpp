@@ -9,7 +9,7 @@
 #include "support/capture.h"
 #include "ts/tsbuilder.h"
 
-namespace sonvex::test {
+namespace sonvex::tstest {
 namespace {
 
 struct PesRun {
@@ -181,4 +181,4 @@ TEST(PesParser, PassesTheParserBattery) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

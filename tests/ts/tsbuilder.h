@@ -9,7 +9,12 @@
 
 #include "framework/console.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+
+// The helpers of the transport stream tests; the shared test stages stay visible.
+namespace sonvex::tstest {
+
+using namespace ::sonvex::test;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -214,4 +219,4 @@ struct LogCatcher {
   std::vector<int> levels;
 };
 
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

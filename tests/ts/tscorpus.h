@@ -18,7 +18,12 @@ extern "C" {
 
 #include "framework/upstream.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+
+// The helpers of the transport stream tests; the shared test stages stay visible.
+namespace sonvex::tstest {
+
+using namespace ::sonvex::test;
 
 inline std::string CorpusDir() { return SONVEX_CORPUS; }
 
@@ -136,4 +141,4 @@ inline std::vector<std::map<std::string, std::string>> ReadTable(const std::stri
   return rows;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

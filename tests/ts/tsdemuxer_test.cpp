@@ -8,7 +8,7 @@
 #include "ts/pesparser.h"
 #include "ts/tsbuilder.h"
 
-namespace sonvex::test {
+namespace sonvex::tstest {
 namespace {
 
 struct DemuxRun {
@@ -183,4 +183,4 @@ TEST(TsDemuxer, RefusesWrongFormatsAndMissingAnnouncements) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

@@ -10,7 +10,7 @@
 #include "ts/tsdemuxer.h"
 #include "ts/tspcmreader.h"
 
-namespace sonvex::test {
+namespace sonvex::tstest {
 namespace {
 
 std::vector<UpStreamRef> Stages(UpStreamRef stage) {
@@ -55,4 +55,4 @@ TEST(TsDemuxHead, LpcmBranchCarriesBigEndianPcmWithoutStamps) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

@@ -6,8 +6,9 @@
 
 #include "framework/smallstages.h"
 #include "ts/tsbuilder.h"
+#include "ts/tsreaders.h"
 
-namespace sonvex::test {
+namespace sonvex::tstest {
 namespace {
 
 struct ParseResult {
@@ -22,6 +23,12 @@ struct ParseResult {
 ParseResult Parse(const Bytes& stream, bool listPids = false, size_t piece = 0) {
   ParseResult r;
   r.parser = TTsParser::Create(listPids);
+  // The stream bodies here are no real audio or video: every stream gets the stand-in reader,
+  // which knows the codec and the time stamps; Blu-ray PCM keeps its real reader.
+  r.parser->SetReaderFactory([](const std::string& tag, bool dtsOption) {
+    UpStreamRef standIn = CreateTsStreamStandIn(tag);
+    return standIn ? standIn : CreateTsTrackReader(tag, dtsOption);
+  });
   r.parser->SetUpStream(TFileSimulator::Create());
   r.ok = r.parser->InitContainer("?", int64_t(stream.size()), 0);
   if (!piece) piece = stream.size() ? stream.size() : 1;
@@ -238,4 +245,4 @@ TEST(TsParser, RefusesWrongFormatsAndMissingAnnouncements) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest

@@ -6,7 +6,7 @@
 #include "support/capture.h"
 #include "ts/tsbuilder.h"
 
-namespace sonvex::test {
+namespace sonvex::tstest {
 namespace {
 
 Bytes LpcmBlock(uint32_t assignment, uint32_t rateCode, uint32_t depthCode, size_t bytes) {
@@ -104,4 +104,4 @@ TEST(TsPcmReader, CutsIncompleteSamplesAndCountsTheSamplesAheadOfTheFirstStamp) 
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::tstest
