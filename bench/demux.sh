@@ -11,10 +11,8 @@ work=${TMPDIR:-/tmp}/sonvex_demux_bench
 big=$work/big.m2ts
 mkdir -p "$work"
 
-if [ ! -x "$build/tsdemux" ]; then
-  cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSONVEX_TESTS=OFF >/dev/null
-  cmake --build "$build" -j2 --target tsdemux >/dev/null
-fi
+cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSONVEX_TESTS=OFF >/dev/null
+cmake --build "$build" -j2 --target tsdemux sonvex >/dev/null
 
 # About 14 MB per loop of bd_h264_multi.m2ts: 76 loops pass 1 GiB. The remux gives the tracks
 # the PIDs 0x1011 (H.264), 0x1100 (AC3), 0x1101 (DTS), 0x1102 (TrueHD), 0x1103 (LPCM 5.1/24).
@@ -54,9 +52,27 @@ sync
 t1=$(now); sv_time=$(echo "$t1 - $t0" | bc)
 ls -l "$work"/out_sv_* | awk '{print "  " $5 " " $9}'
 
+# The sonvex program itself, on the tracks whose readers this build has (video and AC3), against
+# ffmpeg on the same two tracks.
+clean; t0=$(now)
+(cd "$work" && "$build/sonvex" "$big" 1: out_sv_video.h264 2: out_sv_ac3.ac3 >/dev/null)
+sync
+t1=$(now); svbin_time=$(echo "$t1 - $t0" | bc)
+clean; t0=$(now)
+ffmpeg -nostdin -v error -y -i "$big" \
+  -map 0:0 -c copy -f h264 "$work/out_ff_video.h264" \
+  -map 0:1 -c copy -f ac3 "$work/out_ff_ac3.ac3" 2>/dev/null
+sync
+t1=$(now); ff2_time=$(echo "$t1 - $t0" | bc)
+
+echo "all five tracks:"
 printf 'cat copy:        %6.2f s\n' "$cat_time"
 printf 'ffmpeg -c copy:  %6.2f s\n' "$ff_time"
 printf 'sonvex demux:    %6.2f s\n' "$sv_time"
 printf 'sonvex / ffmpeg: %6.2f\n' "$(echo "$sv_time / $ff_time" | bc -l)"
 printf 'sonvex / cat:    %6.2f\n' "$(echo "$sv_time / $cat_time" | bc -l)"
+echo "video and AC3 through the sonvex program (analysis, readers, files):"
+printf 'ffmpeg -c copy:  %6.2f s\n' "$ff2_time"
+printf 'sonvex:          %6.2f s\n' "$svbin_time"
+printf 'sonvex / ffmpeg: %6.2f\n' "$(echo "$svbin_time / $ff2_time" | bc -l)"
 clean
