@@ -1,6 +1,8 @@
 // The (E-)AC3 reader: sync search, first-frame judgement, frame checking, gap tracking.
 #include "ac3/ac3reader.h"
 
+#include <algorithm>
+
 #include "ac3/ac3bitstream.h"
 #include "framework/bitreader.h"
 
@@ -65,7 +67,10 @@ bool TAc3Reader::SearchFirstFrame(bool& found) {
   found = false;
   const uint8_t* buffer = BufferData(0);
   uint32_t fill = BufferFill(0);
-  uint32_t offset = 0;
+  // Offsets before `searchFrom` were refused for good by an earlier pass; a candidate that only
+  // lacked data is tried again.
+  uint32_t offset = searchFrom;
+  uint32_t firstShort = UINT32_MAX;
   for (; offset + 1 < fill && offset < kSearchLimit; offset++) {
     if (buffer[offset] != 0x0B || buffer[offset + 1] != 0x77) continue;
     TAc3FrameInfo frame;
@@ -76,19 +81,25 @@ bool TAc3Reader::SearchFirstFrame(bool& found) {
     }
     if (result == kAc3OtherKind) {
       TEac3UnitInfo unit;
-      if (ParseEac3Unit(buffer + offset, fill - offset, 0, unit) == kAc3Good) {
+      result = ParseEac3Unit(buffer + offset, fill - offset, 0, unit);
+      if (result == kAc3Good) {
         found = true;
         break;
       }
+      if (result == kAc3NeedMore || fill - offset < 8) firstShort = std::min(firstShort, offset);
+    } else if (fill - offset < 8 || (result == kAc3ShortOrCrc && fill - offset < frame.frameSize)) {
+      firstShort = std::min(firstShort, offset);
     }
   }
-  // A frame that starts just below the limit may still be incomplete: the stream is refused
-  // only once the buffer holds enough for any such frame, or at the end.
   if (!found) {
+    searchFrom = std::min(firstShort, offset);
+    // A frame that starts just below the limit may still be incomplete: the stream is refused
+    // only once the buffer holds enough for any such frame, or at the end.
     if (offset >= kSearchLimit && (finishing || fill >= kSearchLimit + kSearchReserve))
       Fail("This doesn't seem to be a valid (E-)AC3 stream.");
     return false;
   }
+  searchFrom = 0;
   DropFront(offset);
   return true;
 }

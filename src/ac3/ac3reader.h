@@ -54,6 +54,7 @@ private:
   bool exactStart;
   bool isEac3 = false;
   bool formatAnnounced = false;
+  uint32_t searchFrom = 0;  // where the next sync search starts
   uint32_t minFill = 4096;
   uint32_t frameSize = 0;
   uint32_t bitrate = 0;

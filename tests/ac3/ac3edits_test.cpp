@@ -304,6 +304,37 @@ TEST(Ac3Edits, GapTrackerStaircase) {
   EXPECT_EQ(small.ReportedEntries(2000, clock, 190000, 190000).size(), 1u);
 }
 
+TEST(Ac3Edits, StageContractMessages) {
+  struct Case {
+    std::function<UpStreamRef()> make;
+    const char* name;
+  };
+  for (Case c : {Case{[] { return UpStreamRef(TAc3DialnormRemover::Create()); }, "(E-)AC3 dialnorm remover"},
+                 Case{[] { return UpStreamRef(TAc3Delayer::Create()); }, "(E-)AC3 delayer"},
+                 Case{[] { return UpStreamRef(TAc3GapRealizer::Create("")); }, "(E-)AC3 gap realizer"}}) {
+    LogRecorder log;
+    EXPECT_FALSE(c.make()->InitAudio("ac3", 2, 24, 48000, false, 0));
+    EXPECT_TRUE(log.Has(2, std::string("The ") + c.name + " upstream property is not set."));
+    UpStreamRef stage = c.make();
+    stage->AppendUpStream(TCapture::Create());
+    EXPECT_FALSE(stage->InitAudio("pcm", 2, 24, 48000, false, 0));
+    EXPECT_TRUE(log.Has(2, std::string("The ") + c.name + " received a non-supported data format."));
+  }
+  LogRecorder log;
+  auto delayer = TAc3Delayer::Create();
+  delayer->AppendUpStream(TCapture::Create());
+  auto frame = MakeAc3Frame({});
+  EXPECT_FALSE(delayer->Write(0, false, frame.data(), uint32_t(frame.size()), -1, false));
+  EXPECT_TRUE(log.Has(2, "The (E-)AC3 delayer didn't receive the format information."));
+
+  auto realizer = TAc3GapRealizer::Create(GapBlobFromEntries({{0, 0}, {kFrame * 10, 2000000}}));
+  realizer->AppendUpStream(TCapture::Create());
+  ASSERT_TRUE(realizer->InitAudio("ac3", 2, 24, 48000, false, 0));
+  std::vector<uint8_t> junk(768, 0x42);
+  EXPECT_FALSE(realizer->Write(0, false, junk.data(), 768, -1, false));
+  EXPECT_TRUE(log.Has(1, "The (E-)AC3 gap realizer received invalid data."));
+}
+
 TEST(Ac3Edits, CoreExtractorKeepsTheIndependentFrame) {
   Eac3FrameSpec dep;
   dep.streamType = 1;

@@ -133,6 +133,45 @@ TEST(Ac3Reader, ListingFactsMatchFfprobe) {
   }
 }
 
+// Streams made by ffmpeg's encoders with a dialnorm, and E-AC3 at 44.1 kHz, whose bit rate the
+// listing computes as at 48 kHz.
+TEST(Ac3Reader, DialnormAndEac3At44100InTheListing) {
+  if (!HaveTool("ffmpeg") || !HaveTool("ffprobe")) GTEST_SKIP() << "ffmpeg absent";
+  ScratchDir dir;
+  struct Case {
+    const char* name;
+    const char* args;
+    uint32_t rate;
+  };
+  for (Case c : {Case{"d.ac3", "-ac 6 -c:a ac3 -b:a 384k", 48000},
+                 Case{"h.eac3", "-ac 2 -c:a eac3 -b:a 192k", 44100},
+                 Case{"h.ac3", "-ac 2 -c:a ac3 -b:a 192k", 44100}}) {
+    SCOPED_TRACE(c.name);
+    std::string file = dir / c.name;
+    ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -y -f lavfi -i sine=frequency=440:sample_rate=" +
+                         std::to_string(c.rate) + ":duration=3 " + c.args + " -dialnorm -27 '" +
+                         file + "'"),
+              0);
+    auto facts = Probe(file);
+    ReaderRun run = RunReader(ReadBytes(file), 5000);
+    ASSERT_TRUE(run.ok);
+    auto details = run.reader->AudioDetails();
+    EXPECT_EQ(details->Dialnorm(), 27);
+    EXPECT_EQ(std::to_string(details->SampleRate()), facts["sample_rate"]);
+    EXPECT_EQ(std::to_string(details->Channels()), facts["channels"]);
+    bool eac3 = std::string(c.name).ends_with(".eac3");
+    double bitrate = std::stod(facts["bit_rate"]);
+    if (eac3 && c.rate == 44100) bitrate = bitrate * 48000 / 44100;
+    EXPECT_NEAR(details->Bitrate(), bitrate, bitrate / 100);
+    std::string text = details->Description();
+    std::string rateText = c.rate == 44100 ? ", 44.1khz" : ", 48khz";
+    EXPECT_TRUE(text.ends_with(rateText + ", dialnorm: -27dB")) << text;
+    EXPECT_TRUE(text.starts_with(std::string(eac3 ? "E-AC3, " : "AC3, ") +
+                                 LayoutText(facts["channel_layout"]) + " channels, 0:00:03, "))
+        << text;
+  }
+}
+
 TEST(Ac3Reader, JunkInFrontIsDroppedUpToTheLimit) {
   SKIP_WITHOUT_AC3_CORPUS();
   auto junkFile = ReadBytes(CorpusDir() + "/public/eac3/csi_miami_stereo_128_spx_junk352.eac3");
