@@ -6,6 +6,10 @@
 #include "files/detectorcandidates.h"
 
 #include "ac3/ac3reader.h"
+#include "codecs/flacdecoder.h"
+#include "codecs/wavdtsreader.h"
+#include "codecs/wavreader.h"
+#include "dts/dtsreader.h"
 #include "ts/tsparser.h"
 #include "video/h264reader.h"
 #include "video/mpeg2reader.h"
@@ -25,7 +29,7 @@ UpStreamRef MakeTsParserCandidate(TCandidateContext& context) {
 
 // Slot 2: TDtsReader.
 UpStreamRef MakeDtsReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TDtsReader::Create();
 }
 
 // Slot 3: TAc3Reader.
@@ -45,18 +49,23 @@ UpStreamRef MakeThdReaderCandidate(TCandidateContext& context) {
 
 // Slot 6: TWavReader.
 UpStreamRef MakeWavReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TWavReader::Create();
 }
 
 // Slot 7: TWavReader -> TWavDtsReader -> TDtsReader. The head is returned; the TDtsReader goes
 // into context.dtsWavReader.
 UpStreamRef MakeWavDtsReaderCandidate(TCandidateContext& context) {
-  return nullptr;
+  auto head = TWavReader::Create();
+  auto dts = TDtsReader::Create();
+  head->AppendUpStream(TWavDtsReader::Create());
+  head->AppendUpStream(dts);
+  context.dtsWavReader = dts;
+  return head;
 }
 
 // Slot 8: TFlacDecoder.
 UpStreamRef MakeFlacDecoderCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TFlacDecoder::Create();
 }
 
 // Slot 9: TVc1Reader.

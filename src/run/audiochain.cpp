@@ -11,9 +11,21 @@
 #include "ac3/ac3reader.h"
 #include "ac3/eac3coreextractor.h"
 #include "ac3/gaptracker.h"
+#include "dts/dtsbitdepthpatcher.h"
+#include "dts/dtscoreextractor.h"
+#include "dts/dtsdelayer.h"
+#include "dts/dtsdialnormremover.h"
+#include "dts/dtsgaprealizer.h"
+#include "dts/dtsreader.h"
+#include "dts/dtsrepairer.h"
 #include "framework/smallstages.h"
 
+#include "codecs/flacdecoder.h"
+#include "codecs/wavdtsreader.h"
+#include "codecs/wavreader.h"
 #include "files/destfile.h"
+#include "pcm/endianswapper.h"
+#include "pcm/rawreader.h"
 #include "pcm/stripto16bit.h"
 
 namespace sonvex {
@@ -131,6 +143,70 @@ bool BuildAc3Input(const UpStreamRef& chain, const IAudioFormatDetails& details,
   return ok;
 }
 
+// "dts", "dtsma", "dtshr": reader, [core extractor], [dialnorm remover], [repairer], [bit depth
+// patcher], then gaps and delay for an untouched stream. libav decodes DTS-HD in full, so the
+// core is only taken out when asked for. The patcher takes "dts" and "dtshr" streams; Master
+// Audio gets it only behind the core extractor, where the stream is plain DTS.
+bool BuildDtsInput(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
+                   TAudioBuild& build, bool untouched) {
+  const std::string tag = details.Format();
+  const bool logDts = build.options && build.options->logDts;
+  bool ok = chain->AppendUpStream(
+      TDtsReader::Create(build.gapFileName, build.gapList, false, logDts, false));
+  const bool coreOnly = tag != "dts" && action.core;
+  if (ok && coreOnly) ok = chain->AppendUpStream(TDtsCoreExtractor::Create());
+  if (ok && !action.keepDialnorm) ok = chain->AppendUpStream(TDtsDialnormRemover::Create());
+  if (ok && !action.dontRepairDts) ok = chain->AppendUpStream(TDtsRepairer::Create());
+  if (ok && !action.dontPatchDts && (tag == "dts" || (tag == "dtsma" && coreOnly)))
+    ok = chain->AppendUpStream(TDtsBitdepthPatcher::Create());
+  if (ok && untouched) {
+    UpStreamRef realizer;
+    if (!build.gapList.empty())
+      realizer = TDtsGapRealizer::Create(GapDataForRealizer(build.gapList));
+    ok = AppendGapsAndDelay(chain, realizer, TDtsDelayer::Create(), action, build);
+  }
+  return ok;
+}
+
+// WAV and FLAC readers take one file: joined sources are refused.
+bool RefuseJoined(const UpStreamRef& chain, const TAudioBuild& build, const char* kind) {
+  if (!build.options || build.options->sources.size() <= 1) return true;
+  chain->Log(2, std::string("Source file joining currently doesn't work for ") + kind + " files.");
+  return false;
+}
+
+// "dtswav": a DTS stream in a WAV file; the WAV layers come off, then the DTS row.
+bool BuildDtsWavInput(const UpStreamRef& chain, const IAudioFormatDetails& details,
+                      TAction& action, TAudioBuild& build, bool untouched) {
+  return RefuseJoined(chain, build, "WAV") && chain->AppendUpStream(TWavReader::Create()) &&
+         chain->AppendUpStream(TWavDtsReader::Create()) &&
+         BuildDtsInput(chain, details, action, build, untouched);
+}
+
+bool BuildFlacInput(const UpStreamRef& chain, const IAudioFormatDetails&, TAction&,
+                    TAudioBuild& build, bool) {
+  if (!RefuseJoined(chain, build, "FLAC")) return false;
+  auto decoder = TFlacDecoder::Create();
+  build.flacSource = decoder;
+  return chain->AppendUpStream(decoder);
+}
+
+bool BuildWavInput(const UpStreamRef& chain, const IAudioFormatDetails&, TAction&,
+                   TAudioBuild& build, bool) {
+  return RefuseJoined(chain, build, "WAV") && chain->AppendUpStream(TWavReader::Create());
+}
+
+// Raw PCM, and PCM that a container's reader has unpacked: big-endian data is turned around
+// unless the destination only checks.
+bool BuildPcmInput(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
+                   TAudioBuild&, bool) {
+  bool ok = chain->AppendUpStream(TRawReader::Create(details.Channels(), 0, details.BigEndian(),
+                                                     0, details.SampleRate(), details.Bits()));
+  if (ok && details.BigEndian() && !IsCheckName(action.dest))
+    ok = chain->AppendUpStream(TEndianSwapper::Create());
+  return ok;
+}
+
 using TInputBuilder = bool (*)(const UpStreamRef& chain, const IAudioFormatDetails& details,
                                TAction& action, TAudioBuild& build, bool untouched);
 // What leaves the input half: the stream as it is or decoded by libav (compressed families),
@@ -154,6 +230,11 @@ struct TInputRow {
 //   "pcm" and container forms:  TRawReader, [TEndianSwapper] (TOutputKind::AlwaysPcm)
 constexpr TInputRow kInputRows[] = {
     {"ac3|eac3", TOutputKind::Compressed, BuildAc3Input},
+    {"dts|dtsma|dtshr", TOutputKind::Compressed, BuildDtsInput},
+    {"dtswav", TOutputKind::Compressed, BuildDtsWavInput},
+    {"flac", TOutputKind::AlwaysDecoded, BuildFlacInput},
+    {"wav", TOutputKind::AlwaysPcm, BuildWavInput},
+    {"pcm|evo/pcm|vob/pcm|ts/pcm|m2ts/pcm", TOutputKind::AlwaysPcm, BuildPcmInput},
 };
 
 const TInputRow* FindInputRow(const std::string& tag) {

@@ -1,0 +1,341 @@
+// TDtsReader: the corpus streams against ffprobe, and synthetic streams for the edge cases.
+#include "dts/dtsreader.h"
+
+#include "dts/dtstestutil.h"
+#include <unistd.h>
+
+#include "framework/bitreader.h"
+#include "support/battery.h"
+
+namespace sonvex {
+namespace {
+
+using dtstest::CoreFields;
+using dtstest::CoreFrame;
+using dtstest::Repeat;
+using dtstest::RunReader;
+using dtstest::Substream;
+
+constexpr uint8_t kXll[4] = {0x41, 0xA2, 0x95, 0x47};
+constexpr uint8_t kXbr[4] = {0x65, 0x5E, 0x31, 0x5E};
+
+const char* const kNotClean = "This track is not clean. Processing aborted.";
+const char* const kClean = "Please clean the track with delaycut and then retry sonvex.";
+
+std::vector<uint8_t> HdFrame(const uint8_t (&type)[4], uint32_t assetSize, int sizeError = 0) {
+  auto frame = CoreFrame(CoreFields{});
+  auto sub = Substream(type, assetSize, 24, 12, 6, sizeError);
+  frame.insert(frame.end(), sub.begin(), sub.end() + (sizeError < 0 ? sizeError : 0));
+  return frame;
+}
+
+// ffprobe's profile names and ours.
+std::string NameOfProfile(const std::string& profile) {
+  if (profile == "DTS 96/24") return "DTS-96/24";
+  if (profile == "DTS-HD HRA") return "DTS Hi-Res";
+  if (profile == "DTS-HD MA") return "DTS Master Audio";
+  return profile;
+}
+
+// Every raw DTS stream of the corpus: name, channels, bits, rate and bit rate as ffprobe sees
+// them, and as the file names give them ("<kind>_<layout>_<bits>_<kHz>_..." and "dts1_dtsma_51_16").
+TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
+  if (!std::filesystem::exists(dtstest::CorpusPath("public/dts"))) GTEST_SKIP() << "no corpus";
+  if (!dtstest::HaveTool("ffprobe")) GTEST_SKIP() << "no ffprobe";
+  struct Case {
+    const char* file;
+    const char* tag;
+    uint32_t channels, bits, rate;
+  };
+  const Case cases[] = {
+      {"public/dts/core_51_24_48_768_0.dts", "dts", 6, 24, 48000},
+      {"public/dts/dts_es_61.dts", "dts", 7, 24, 48000},
+      {"public/dts/x96_51_24_96_1509.dts", "dts", 6, 24, 96000},
+      {"public/dts/xbr_51_24_48_3840.dts", "dtshr", 6, 24, 48000},
+      {"public/dts/xch_61_24_48_768.dts", "dts", 7, 24, 48000},
+      {"public/dts/xll_51_16_192_768_0.dts", "dtsma", 6, 16, 192000},
+      {"public/dts/xll_51_24_48_768.dts", "dtsma", 6, 24, 48000},
+      {"public/dts/xll_71_24_48_768_0.dts", "dtsma", 8, 24, 48000},
+      {"public/dts/dts1_dtsma_51_16.dtshd", "dtsma", 6, 16, 48000},
+      {"gen/dts_51_768k.dts", "dts", 6, 16, 48000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    std::vector<uint8_t> bytes;
+    ASSERT_TRUE(dtstest::ReadFile(dtstest::CorpusPath(c.file), bytes));
+    auto run = RunReader(bytes);
+    ASSERT_TRUE(run.ok);
+    EXPECT_EQ(run.capture->bytes, bytes);  // no padding in these: every byte is a frame's
+    auto details = run.reader->AudioDetails();
+    auto facts = dtstest::ProbeFacts(dtstest::CorpusPath(c.file));
+    EXPECT_EQ(details->Format(), c.tag);
+    EXPECT_EQ(details->Name(), NameOfProfile(facts["profile"]));
+    EXPECT_EQ(std::to_string(details->Channels()), facts["channels"]);
+    EXPECT_EQ(details->Channels(), c.channels);
+    EXPECT_EQ(std::to_string(details->SampleRate()), facts["sample_rate"]);
+    EXPECT_EQ(details->SampleRate(), c.rate);
+    EXPECT_EQ(details->Bits(), c.bits);
+    if (facts["bits_per_raw_sample"] != "N/A") {
+      EXPECT_EQ(std::to_string(details->Bits()), facts["bits_per_raw_sample"]);
+    }
+    if (details->Format() == "dts") {
+      EXPECT_EQ(std::to_string(details->Bitrate()), facts["bit_rate"]);
+    } else if (details->Format() == "dtsma") {
+      EXPECT_EQ(details->Bitrate(), 0u);
+      EXPECT_EQ(details->Duration(), 0u);
+    }
+    EXPECT_EQ(details->Description().rfind(details->Name() + ", " + details->ChannelLayout() +
+                                               " channels", 0),
+              0u)
+        << details->Description();
+    EXPECT_EQ(run.capture->audioInits.size(), 1u);
+    EXPECT_EQ(run.capture->audioInits[0].format, c.tag);
+  }
+}
+
+// Hi-Res grows the core's rate by the extension's share, the product taken in 32 bits.
+TEST(DtsReaderCorpus, HiResBitrateFromFrameSizes) {
+  std::vector<uint8_t> bytes;
+  if (!dtstest::ReadFile(dtstest::CorpusPath("public/dts/xbr_51_24_48_3840.dts"), bytes))
+    GTEST_SKIP() << "no corpus";
+  auto run = RunReader(bytes);
+  ASSERT_TRUE(run.ok);
+  uint32_t core = DtsCoreSize(bytes.data());
+  uint32_t extension = uint32_t(bytes.size() / run.capture->blocks.size()) - core;
+  EXPECT_EQ(run.reader->AudioDetails()->Bitrate(),
+            1536000u + uint32_t(1536000u * extension) / core);
+}
+
+// 96/24 is shown at 96 kHz but timed at the core's 48 kHz.
+TEST(DtsReader, NinetySixKhzIsTimedAtFortyEight) {
+  CoreFields f;
+  f.extAudio = true;
+  f.extId = 2;
+  auto stream = Repeat(CoreFrame(f), 300);
+  auto run = RunReader(stream);
+  ASSERT_TRUE(run.ok);
+  auto details = run.reader->AudioDetails();
+  EXPECT_EQ(details->SampleRate(), 96000u);
+  EXPECT_EQ(details->Name(), "DTS-96/24");
+  EXPECT_EQ(details->Duration(), 300u * 512 * 1000 / 48000);
+  EXPECT_EQ(run.reader->InitialDelay(), -10);  // one frame: 512 samples at 48 kHz
+  EXPECT_FALSE(run.reader->HasTimestamps());
+}
+
+TEST(DtsReader, ZeroPaddingIsRemovedAndReportedOnce) {
+  auto frame = CoreFrame(CoreFields{});
+  std::vector<uint8_t> stream, expected;
+  for (int i = 0; i < 5; i++) {
+    stream.insert(stream.end(), frame.begin(), frame.end());
+    stream.insert(stream.end(), 1018, 0);
+    expected.insert(expected.end(), frame.begin(), frame.end());
+  }
+  auto run = RunReader(stream, TDtsReader::Create(), 700);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->bytes, expected);
+  EXPECT_EQ(run.capture->blocks, std::vector<uint32_t>(5, 1006));
+  int reports = 0;
+  for (auto& line : run.log) reports += line.second == "Removing DTS zero padding...";
+  EXPECT_EQ(reports, 1);
+}
+
+TEST(DtsReader, BrokenSyncInMidStreamEndsTheRun) {
+  auto stream = Repeat(CoreFrame(CoreFields{}), 10);
+  stream[1006 * 6 + 1] = 0x00;  // sync of the 7th frame
+  auto run = RunReader(stream);
+  EXPECT_FALSE(run.ok);
+  EXPECT_TRUE(run.Logged(2, kNotClean));
+  EXPECT_TRUE(run.Logged(2, kClean));
+  EXPECT_EQ(run.capture->blocks.size(), 6u);
+  EXPECT_FALSE(run.reader->IsValid());
+}
+
+TEST(DtsReader, HiResFollowedByPlainCoreIsNotClean) {
+  auto hd = HdFrame(kXbr, 300);
+  auto stream = Repeat(hd, 3);
+  auto core = CoreFrame(CoreFields{});
+  stream.insert(stream.end(), core.begin(), core.end());
+  stream.insert(stream.end(), hd.begin(), hd.end());
+  auto run = RunReader(stream);
+  EXPECT_FALSE(run.ok);
+  EXPECT_TRUE(run.Logged(2, kNotClean));
+  EXPECT_EQ(run.reader->AudioDetails()->Format(), "dtshr");
+  EXPECT_EQ(run.capture->blocks.size(), 3u);
+}
+
+TEST(DtsReader, InconsistentSubstream) {
+  // At the first frame: an unexpected error.
+  auto bad = HdFrame(kXll, 300, -4);
+  auto good = HdFrame(kXll, 300);
+  auto run = RunReader(Repeat(bad, 3));
+  EXPECT_FALSE(run.ok);
+  EXPECT_TRUE(run.Logged(2, "The DTS reader raised an unexpected error."));
+  // Later: the "not clean" pair.
+  auto stream = Repeat(good, 3);
+  stream.insert(stream.end(), bad.begin(), bad.end());
+  stream.insert(stream.end(), good.begin(), good.end());
+  run = RunReader(stream);
+  EXPECT_FALSE(run.ok);
+  EXPECT_TRUE(run.Logged(2, kNotClean));
+  EXPECT_TRUE(run.Logged(2, kClean));
+}
+
+TEST(DtsReader, StartOfStream) {
+  auto frames = Repeat(CoreFrame(CoreFields{}), 4);
+  std::vector<uint8_t> junk = {0x12};
+  junk.insert(junk.end(), frames.begin(), frames.end());
+  // Exact start: one byte of junk refuses the stream.
+  auto run = RunReader(junk, TDtsReader::Create("", "", true));
+  EXPECT_FALSE(run.ok);
+  EXPECT_TRUE(run.Logged(2, "This doesn't seem to be a valid DTS file."));
+  // Otherwise the junk is dropped, whatever the piece size.
+  std::vector<uint8_t> lead(5000, 0x7F);
+  lead.insert(lead.end(), frames.begin(), frames.end());
+  for (size_t piece : {size_t(1), size_t(333), size_t(100000)}) {
+    run = RunReader(lead, TDtsReader::Create(), piece);
+    ASSERT_TRUE(run.ok) << piece;
+    EXPECT_EQ(run.capture->bytes, frames);
+  }
+  // Sync words with bad headers in front are stepped over, also when pushed byte by byte.
+  std::vector<uint8_t> falseSyncs = {0x00};  // a stream that starts with a sync isn't searched
+  for (int i = 0; i < 200; i++) falseSyncs.insert(falseSyncs.end(), {0x7F, 0xFE, 0x80, 0x01, 0, 0});
+  falseSyncs.insert(falseSyncs.end(), frames.begin(), frames.end());
+  run = RunReader(falseSyncs, TDtsReader::Create(), 1);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->bytes, frames);
+  // No frame within the first 0x64000 bytes.
+  std::vector<uint8_t> far(0x64000, 0x11);
+  far.insert(far.end(), frames.begin(), frames.end());
+  run = RunReader(far);
+  EXPECT_FALSE(run.ok);
+  EXPECT_TRUE(run.Logged(2, "This doesn't seem to be a valid DTS stream."));
+  // A single frame has no sync behind it.
+  run = RunReader(Repeat(CoreFrame(CoreFields{}), 1));
+  EXPECT_FALSE(run.ok);
+}
+
+TEST(DtsReader, LastFrameIncompleteIsSkipped) {
+  auto stream = Repeat(CoreFrame(CoreFields{}), 4);
+  stream.resize(stream.size() - 100);
+  auto run = RunReader(stream);
+  EXPECT_TRUE(run.ok);
+  EXPECT_TRUE(run.Logged(1, "The last DTS frame is incomplete and thus gets skipped."));
+  EXPECT_EQ(run.capture->blocks.size(), 3u);
+}
+
+TEST(DtsReader, FirstFrameTwiceAndHeaderDump) {
+  auto stream = Repeat(CoreFrame(CoreFields{}), 3);
+  auto run = RunReader(stream, TDtsReader::Create("", "", false, true, true));
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.capture->blocks.size(), 4u);
+  EXPECT_TRUE(run.Logged(0, "+ DTS-Core"));
+  int dumps = 0;
+  for (auto& line : run.log) dumps += line.second == "+ DTS-Core";
+  EXPECT_EQ(dumps, 1);
+}
+
+TEST(DtsReader, OutdatedEsIsReported) {
+  CoreFields f;
+  f.extAudio = true;
+  f.resolution = 1;
+  auto frame = CoreFrame(f);
+  const uint32_t offset = 0x200, n = 1006 - offset;
+  frame[offset] = frame[offset + 1] = frame[offset + 2] = frame[offset + 3] = 0x5A;
+  frame[offset + 4] = uint8_t(n >> 2);
+  frame[offset + 5] = uint8_t((n & 3) << 6);
+  auto run = RunReader(Repeat(frame, 3));
+  ASSERT_TRUE(run.ok);
+  EXPECT_TRUE(run.Logged(1, "The DTS-ES information is stored in an outdated format."));
+  EXPECT_EQ(run.reader->AudioDetails()->Channels(), 7u);
+}
+
+TEST(DtsReader, StageMessages) {
+  std::vector<std::pair<int, std::string>> lines;
+  dtstest::LogCollector collect(lines);
+  auto lonely = TDtsReader::Create();
+  lonely->InitAudio("?", 1, 8, 48000, false, 0);
+  uint8_t byte = 0;
+  EXPECT_FALSE(lonely->Write(0, false, &byte, 1, -1, false));
+  auto wrongFormat = TDtsReader::Create();
+  wrongFormat->AppendUpStream(dtstest::TCapture::Create());
+  EXPECT_FALSE(wrongFormat->InitAudio("ac3", 6, 24, 48000, false, 0));
+  auto noFormat = TDtsReader::Create();
+  noFormat->AppendUpStream(dtstest::TCapture::Create());
+  EXPECT_FALSE(noFormat->Write(0, false, &byte, 1, -1, false));
+  auto empty = TDtsReader::Create();
+  empty->AppendUpStream(dtstest::TCapture::Create());
+  empty->InitAudio("dts", 1, 8, 48000, false, 0);
+  EXPECT_FALSE(empty->Finish());
+  const std::vector<std::pair<int, std::string>> expected = {
+      {2, "The DTS reader upstream property is not set."},
+      {2, "The DTS reader received a non-supported data format."},
+      {2, "The DTS reader didn't receive the format information."},
+      {2, "The stream doesn't seem to contain any valid DTS frames."}};
+  EXPECT_EQ(lines, expected);
+}
+
+TEST(DtsReader, ParserBattery) {
+  std::vector<uint8_t> stream;
+  CoreFields f;
+  for (int i = 0; i < 12; i++) {
+    f.fillByte = uint8_t(i * 17 + 1);
+    auto frame = CoreFrame(f);
+    stream.insert(stream.end(), frame.begin(), frame.end());
+  }
+  dtstest::RunParserBattery([] { return TDtsReader::Create(); }, stream, stream);
+  // The same with DTS-HD frames.
+  auto hd = Repeat(HdFrame(kXll, 700), 8);
+  dtstest::RunParserBattery([] { return TDtsReader::Create(); }, hd, hd);
+}
+
+}  // namespace
+}  // namespace sonvex
+
+namespace sonvex {
+namespace {
+
+// A 40 s stream, each frame in its own block stamped as a demuxer would, with a jump of `jump`
+// ticks in the stamps from frame 500 (5.3 s) on.
+dtstest::ReaderRun RunStamped(int64_t jump, const std::string& gapFile) {
+  auto frame = CoreFrame(CoreFields{});
+  const int frames = 3750;
+  dtstest::ReaderRun run;
+  dtstest::LogCollector collect(run.log);
+  run.reader = TDtsReader::Create(gapFile);
+  run.capture = dtstest::TCapture::Create();
+  run.reader->AppendUpStream(run.capture);
+  bool ok = run.reader->InitAudio("?", 1, 8, 48000, false, int64_t(frame.size()) * frames);
+  for (int i = 0; ok && i < frames; i++) {
+    int64_t stamp = int64_t(i) * 10000 * 512 * 1000 / 48000 + (i >= 500 ? jump : 0);
+    ok = run.reader->Write(0, false, frame.data(), uint32_t(frame.size()), stamp, false);
+  }
+  run.ok = ok && run.reader->Finish();
+  return run;
+}
+
+TEST(DtsReaderGaps, GapIsReportedAndWritten) {
+  const std::string gapFile =
+      (std::filesystem::temp_directory_path() / ("sonvex_dts_gaps_" + std::to_string(getpid()))).string();
+  auto run = RunStamped(2000000, gapFile);  // 200 ms
+  ASSERT_TRUE(run.ok);
+  EXPECT_TRUE(run.reader->HasTimestamps());
+  ASSERT_EQ(run.reader->Gaps().size(), 1u);
+  // The gap stands where the stamps resume, 5.53 s, shown rounded to whole seconds.
+  EXPECT_TRUE(run.Logged(1, "Audio has a gap of 200ms at playtime 0:00:06."));
+  EXPECT_TRUE(run.Logged(
+      1, "Please rerun the same sonvex command line. That will correct the gaps/overlaps."));
+  std::vector<uint8_t> bytes;
+  ASSERT_TRUE(dtstest::ReadFile(gapFile, bytes));
+  ASSERT_EQ(bytes.size(), 16u);
+  EXPECT_EQ(int64_t(Le64(bytes.data() + 8)), 2000000);
+  // 6.8 ms is a drift (above 5 ms) but below the DTS threshold of 7 ms: nothing is reported, and
+  // the old file goes.
+  run = RunStamped(68000, gapFile);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(run.reader->Gaps().size(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(gapFile));
+  for (auto& line : run.log) EXPECT_NE(line.first, 1) << line.second;
+}
+
+}  // namespace
+}  // namespace sonvex

@@ -1,0 +1,228 @@
+// Helpers of the DTS tests: a bit writer for synthetic frames, corpus access and a run of
+// TDtsReader over a byte string.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "dts/dtsreader.h"
+#include "framework/console.h"
+#include "support/battery.h"
+#include "support/capture.h"
+
+namespace sonvex::dtstest {
+
+using test::RunParserBattery;
+using test::TCapture;
+
+class BitWriter {
+public:
+  void Put(int bits, uint64_t value) {
+    for (int i = bits - 1; i >= 0; i--) {
+      if (count % 8 == 0) bytes.push_back(0);
+      if (value >> i & 1) bytes.back() |= uint8_t(0x80 >> (count % 8));
+      count++;
+    }
+  }
+  void PadTo(size_t size) {
+    while (bytes.size() < size) bytes.push_back(0);
+    count = bytes.size() * 8;
+  }
+  std::vector<uint8_t> bytes;
+  size_t count = 0;
+};
+
+// Fields of a synthetic core frame; the defaults give 5.1 at 48 kHz, 768 kbit/s, 16 bit.
+struct CoreFields {
+  bool crc = false;
+  uint32_t blocks = 16;       // 16 blocks of 32 samples
+  uint32_t coreSize = 1006;
+  uint32_t amode = 9;         // "5"
+  uint32_t sfreq = 13;        // 48000
+  uint32_t rate = 15;         // 768000
+  uint32_t extId = 0;
+  bool extAudio = false;
+  uint32_t lfe = 1;
+  uint32_t version = 7;
+  uint32_t resolution = 0;
+  uint32_t dialnorm = 0;
+  uint8_t fillByte = 0x55;    // audio data stand-in
+};
+
+inline std::vector<uint8_t> CoreFrame(const CoreFields& f) {
+  BitWriter w;
+  w.Put(32, 0x7FFE8001);          // sync
+  w.Put(1, 1);                    // frame type: normal
+  w.Put(5, 31);                   // deficit sample count
+  w.Put(1, f.crc);                // CRC present
+  w.Put(7, f.blocks - 1);         // NBLKS
+  w.Put(14, f.coreSize - 1);      // FSIZE
+  w.Put(6, f.amode);              // AMODE
+  w.Put(4, f.sfreq);              // SFREQ
+  w.Put(5, f.rate);               // RATE
+  w.Put(1, 0);                    // fixed bit
+  w.Put(1, 0);                    // dynamic range
+  w.Put(1, 0);                    // time stamp
+  w.Put(1, 0);                    // auxiliary data
+  w.Put(1, 0);                    // HDCD
+  w.Put(3, f.extId);              // extension audio id
+  w.Put(1, f.extAudio);           // extension audio present
+  w.Put(1, 0);                    // audio sync word insertion
+  w.Put(2, f.lfe);                // LFE
+  w.Put(1, 0);                    // predictor history
+  if (f.crc) w.Put(16, 0x1234);   // header CRC
+  w.Put(1, 0);                    // multirate interpolator
+  w.Put(4, f.version);            // encoder software version
+  w.Put(2, 0);                    // copy history
+  w.Put(3, f.resolution);         // source PCM resolution
+  w.Put(1, 0);                    // front sum/difference
+  w.Put(1, 0);                    // surround sum/difference
+  w.Put(4, f.dialnorm);           // dialog normalisation
+  std::vector<uint8_t> frame = w.bytes;
+  frame.resize(f.coreSize, f.fillByte);
+  return frame;
+}
+
+// A DTS-HD extension substream of one asset with the given type word (as bytes) and size.
+inline std::vector<uint8_t> Substream(const uint8_t (&type)[4], uint32_t assetSize,
+                                      uint32_t bits = 24, uint32_t rateCode = 12,
+                                      uint32_t channels = 6, int sizeError = 0) {
+  const uint32_t headerSize = 24;
+  BitWriter w;
+  w.Put(32, 0x64582025);          // sync
+  w.Put(8, 0);                    // user defined bits
+  w.Put(2, 0);                    // substream index
+  w.Put(1, 0);                    // small header
+  w.Put(8, headerSize - 1);       // header size - 1
+  w.Put(16, headerSize + assetSize - 1 + sizeError);  // full size - 1
+  w.Put(1, 1);                    // static fields present
+  w.Put(2, 2);                    // reference clock 48000
+  w.Put(3, 0);                    // frame duration code - 1
+  w.Put(1, 0);                    // no time stamp
+  w.Put(3, 0);                    // one presentation
+  w.Put(3, 0);                    // one asset
+  w.Put(1, 1);                    // active substream mask
+  w.Put(8, 1);                    // active asset mask
+  w.Put(1, 0);                    // no mix metadata
+  w.Put(16, assetSize - 1);       // asset size - 1
+  size_t descriptor = w.count;
+  w.Put(9, 6 - 1);                // asset descriptor size - 1 (bytes)
+  w.Put(3, 0);                    // asset index
+  w.Put(1, 0);                    // no content type
+  w.Put(1, 0);                    // no language
+  w.Put(1, 0);                    // no info text
+  w.Put(5, bits - 1);             // bit resolution - 1
+  w.Put(4, rateCode);             // maximum sample rate code
+  w.Put(8, channels - 1);         // total channels - 1
+  while (w.count < descriptor + 6 * 8) w.Put(1, 0);  // rest of the descriptor
+  w.PadTo(headerSize);
+  std::vector<uint8_t> sub = w.bytes;
+  sub.insert(sub.end(), type, type + 4);
+  sub.resize(headerSize + assetSize, 0x33);
+  return sub;
+}
+
+inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& frame, int count) {
+  std::vector<uint8_t> out;
+  for (int i = 0; i < count; i++) out.insert(out.end(), frame.begin(), frame.end());
+  return out;
+}
+
+inline std::string CorpusPath(const std::string& name) {
+  return std::string(SONVEX_CORPUS) + "/" + name;
+}
+
+inline bool ReadFile(const std::string& path, std::vector<uint8_t>& bytes) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  bytes.assign(std::istreambuf_iterator<char>(in), {});
+  return true;
+}
+
+inline bool HaveTool(const char* name) {
+  std::string command = std::string("command -v ") + name + " >/dev/null 2>&1";
+  return std::system(command.c_str()) == 0;
+}
+
+struct ReaderRun {
+  bool ok = false;
+  std::shared_ptr<TDtsReader> reader;
+  std::shared_ptr<TCapture> capture;
+  std::vector<std::pair<int, std::string>> log;
+  bool Logged(int level, const std::string& text) const {
+    for (auto& line : log)
+      if (line.first == level && line.second == text) return true;
+    return false;
+  }
+};
+
+// Collects the console lines for the lifetime of the object.
+class LogCollector {
+public:
+  explicit LogCollector(std::vector<std::pair<int, std::string>>& lines) {
+    SetLogHook([&lines](int level, const std::string& text) { lines.push_back({level, text}); });
+  }
+  ~LogCollector() { SetLogHook(nullptr); }
+};
+
+// Pushes `stream` through a fresh reader in pieces of `piece` bytes and finishes it.
+inline ReaderRun RunReader(const std::vector<uint8_t>& stream,
+                           std::shared_ptr<TDtsReader> reader = TDtsReader::Create(),
+                           size_t piece = 65536) {
+  ReaderRun run;
+  LogCollector collect(run.log);
+  run.reader = reader;
+  run.capture = TCapture::Create();
+  reader->AppendUpStream(run.capture);
+  bool ok = reader->InitAudio("?", 1, 8, 48000, false, int64_t(stream.size()));
+  for (size_t at = 0; ok && at < stream.size(); at += piece)
+    ok = reader->Write(0, false, stream.data() + at,
+                       uint32_t(std::min(piece, stream.size() - at)), -1, false);
+  if (ok) ok = reader->Finish();
+  run.ok = ok;
+  return run;
+}
+
+}  // namespace sonvex::dtstest
+
+namespace sonvex::dtstest {
+
+// Runs a command and returns what it printed on standard output.
+inline std::string Capture(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return out;
+  char chunk[4096];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
+  pclose(pipe);
+  return out;
+}
+
+// ffprobe's facts of the first audio stream as key -> value.
+inline std::map<std::string, std::string> ProbeFacts(const std::string& path) {
+  std::map<std::string, std::string> facts;
+  std::string text = Capture(
+      "ffprobe -v error -f dts -select_streams a:0 -show_entries "
+      "stream=profile,channels,sample_rate,bit_rate,bits_per_raw_sample -of default=nw=1 '" +
+      path + "'");
+  size_t at = 0;
+  while (at < text.size()) {
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(at, end - at);
+    size_t eq = line.find('=');
+    if (eq != std::string::npos) facts[line.substr(0, eq)] = line.substr(eq + 1);
+    at = end + 1;
+  }
+  return facts;
+}
+
+}  // namespace sonvex::dtstest
