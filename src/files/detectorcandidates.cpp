@@ -12,6 +12,7 @@
 #include "dts/dtsreader.h"
 #include "mp2/mp2reader.h"
 #include "thd/thdreader.h"
+#include "ts/tsparser.h"
 #include "video/h264reader.h"
 #include "video/mpeg2reader.h"
 #include "video/vc1reader.h"
@@ -23,9 +24,9 @@ UpStreamRef MakeEvoParserCandidate(TCandidateContext& context) {
   return nullptr;
 }
 
-// Slot 1: TTsParser (takes the TS option).
+// Slot 1: TTsParser (takes the TS option: "-logPids"; the EVO option goes to its DTS readers).
 UpStreamRef MakeTsParserCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TTsParser::Create(context.tsOption, context.evoOption);
 }
 
 // Slot 2: TDtsReader.

@@ -101,7 +101,7 @@ std::string TMainRun::TrackText(const TTrackRef& ref) const {
 
 bool TMainRun::Analyse() {
   auto source = TSourceFiles::Create(options.sources, 24000, 1001, 0x12C00000);
-  auto detector = TFormatDetector::Create(false, options.ignoreDiscontinuity);
+  auto detector = TFormatDetector::Create(options.logDts, options.logPids);
   source->SetUpStream(detector);
   analysis = source;
   if (source->IsValid()) source->Write(0, false, nullptr, 0, -1, false);

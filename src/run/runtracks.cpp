@@ -1,6 +1,8 @@
 // RunTracks: builds the branches of one pass behind one source stage and runs them.
 #include "run/runtracks.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include "run/cmdline.h"
 #include "run/naming.h"
 #include "pcm/stripto16bit.h"
+#include "ts/tsdemuxhead.h"
 #include "video/videoreaders.h"
 
 namespace sonvex {
@@ -20,10 +23,27 @@ namespace {
 // Container families register their demux heads here as they exist.
 UpStreamRef MakeContainerHead(const std::string& tag, const TTrackRef& track,
                               const TOptions& options, const TAction& action) {
-  (void)track;
-  (void)options;
-  (void)action;
-  (void)tag;
+  if (tag == "ts" || tag == "m2ts") {
+    TTsHeadRequest request;
+    request.pid = track.entry.id;
+    request.trackNumber = action.track;
+    request.ignoreDiscontinuity = options.ignoreDiscontinuity;
+    request.isVideo = track.kind == TTrackKind::Video;
+    if (!request.isVideo && track.entry.details)
+      request.audioFormat = track.entry.details->AudioDetails()->Format();
+    request.check = action.dest.size() >= 7 && std::equal(action.dest.begin(), action.dest.begin() + 7,
+                                                          "%check%", [](char a, char b) {
+                                                            return std::tolower(uint8_t(a)) == b;
+                                                          });
+    if (!action.dest.empty()) {
+      // The PCM gap tracker writes destination + ".gaps"; on the pass that uses that file it
+      // must know its content, or it would track the same gaps once more.
+      request.gapFileName = action.dest + ".gaps";
+      std::ifstream in(request.gapFileName, std::ios::binary);
+      if (in) request.gapData.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    return BuildTsDemuxHead(request);
+  }
   return nullptr;
 }
 

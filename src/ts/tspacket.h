@@ -1,0 +1,48 @@
+// Transport stream helpers shared by the parser and the demuxer: the packet size test, the PMT
+// descriptors that refine a stream type, and the classification of stream types into video and
+// audio with the tag of the reader that understands them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace sonvex {
+
+constexpr uint8_t kTsSync = 0x47;
+constexpr uint32_t kTsPidCount = 8192;
+constexpr uint32_t kTsSectionSize = 1024;
+
+// Outcome of the packet size test on the data buffered so far.
+enum class TsProbe { Wait, Ts, M2ts, Invalid };
+
+// Looks for the sync byte at `probeCount` packets of 188 bytes (TS) and of 192 bytes with a 4 byte
+// prefix (M2TS). When both fit, `probeCount` doubles and the test waits for more data; the stream
+// must begin on a packet.
+TsProbe ProbeTsPacketSize(const uint8_t* data, uint32_t fill, uint32_t& probeCount);
+
+// Applies one descriptor of a PMT stream entry to the stream type: registrations ("DTS1".."DTS3",
+// "AC-3", "VC-1", "BSSD") and the DVB/ATSC audio descriptors of private streams (type 6).
+// `reg` receives the registration; `text`, when not nil, gets the listing text appended.
+uint8_t ApplyTsDescriptor(uint8_t type, uint8_t tag, const uint8_t* body, uint32_t length,
+                          std::string& reg, std::string* text);
+
+// Whether a descriptor loop holds the registration "HDMV". Blu-ray authoring tools also put it on
+// each stream; some muxers put it only on the program, where it stands for all its streams.
+bool HasHdmvRegistration(const uint8_t* descriptors, uint32_t length);
+
+enum class TsClass { None, Video, Audio };
+
+struct TsStreamClass {
+  TsClass kind = TsClass::None;
+  const char* tag = "";   // reader tag; empty for audio that no reader takes (AAC)
+  const char* text = "";  // listing text
+};
+
+// Video: types 1, 2, 0x1B, 0xEA, and 0x80 without the "HDMV" registration. Audio: 3, 4, 0x0F,
+// 0x11, 0x80..0x87, 0xA1, 0xA2. `aacMpeg2IsAudio` is false in the demuxer, which leaves 0x0F alone.
+TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio);
+
+// "$" and two upper-case hexadecimal digits.
+std::string HexByteText(uint8_t value);
+
+}  // namespace sonvex

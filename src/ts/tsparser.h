@@ -1,0 +1,87 @@
+// TTsParser: finds out what a TS (188 byte packets) or M2TS (192 byte packets) holds. It reads the
+// PAT and every PMT, classifies the elementary streams, and runs a private chain per stream
+// (TPesParser in raw mode, the stream's reader, TFileSimulator) until the reader has understood
+// the format and a time stamp was seen; then the track goes into the stage's track lists with its
+// delay relative to the first video track. It sends no data to its next stage.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framework/upstream.h"
+#include "ts/pesparser.h"
+
+namespace sonvex {
+
+class TTsParser : public TUpStream {
+public:
+  TTsParser(bool listPids, bool dtsOption);
+  // For format detection: `tsOption` is the "-logPids" switch, `dtsOption` goes to DTS readers.
+  static std::shared_ptr<TTsParser> Create(bool tsOption, bool dtsOption = false) {
+    return std::make_shared<TTsParser>(tsOption, dtsOption);
+  }
+
+  // Where the readers of the private chains come from; CreateTsTrackReader unless told otherwise.
+  using ReaderFactory = std::function<UpStreamRef(const std::string& tag, bool dtsOption)>;
+  void SetReaderFactory(ReaderFactory factory) { readerFactory = std::move(factory); }
+
+  uint32_t BlockSize() override { return 314572800; }
+  bool InitContainer(const std::string& format, int64_t totalSize, int64_t playTime) override;
+  bool Write(SenderId sender, bool isHeader, const uint8_t* data, uint32_t size, int64_t position,
+             bool flush) override;
+  bool Finish() override;
+
+  bool IsM2ts() const { return isM2ts; }
+  uint32_t PacketSize() const { return packetSize; }
+
+private:
+  struct TsPidEntry {
+    uint8_t Kind = 0;  // 0 unknown, 1 PMT, 2 video, 3 audio
+    uint8_t StreamType = 0;
+    std::unique_ptr<uint8_t[]> Section;
+    uint16_t SectionLeft = 0;
+    uint16_t SectionFill = 0;
+    bool Started = false;
+    bool ProgramHdmv = false;  // the program carries the "HDMV" registration
+  };
+  struct TsTrack {
+    bool IsVideo = false;
+    uint32_t Pid = 0;
+    std::shared_ptr<TPesParser> Chain;
+    bool Reported = false;
+    int64_t FirstPts = -1;
+    std::string Description;
+  };
+
+  bool Damaged(const std::string& what);
+  bool HandlePacket(const uint8_t* packet);
+  bool HandlePat(const uint8_t* packet, uint32_t p, bool unitStart);
+  bool HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, bool unitStart);
+  bool ParseStreams(TsPidEntry& entry);
+  bool Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text);
+  void AddTrack(bool isVideo, uint32_t pid, const std::string& tag, const std::string& description);
+  void FeedPes(bool isVideo, uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart);
+  void AnnounceContainer();
+
+  ReaderFactory readerFactory;
+  const bool ListPids;
+  const bool DtsOption;
+  bool formatSeen = false;
+  int64_t containerDuration = 0;
+  bool containerAnnounced = false;
+  std::vector<TsTrack> tracks;
+  uint32_t probeCount = 10;
+  bool isM2ts = false;
+  uint32_t packetSize = 188;
+  uint32_t currentPid = 0;
+  std::array<TsPidEntry, 8192> pids;
+  int32_t patLeft = 0;
+  int32_t patFill = 0;
+  std::array<uint8_t, 1024> pat{};
+  std::vector<uint32_t> seenPids;
+};
+
+}  // namespace sonvex

@@ -1,0 +1,19 @@
+// The reader for one elementary stream of a transport stream, made from the tag that the PMT's
+// stream type gives ("ac3", "dts", "thd", "mp2", "m2ts/pcm", "ts/pcm", "h264", "vc1", "mpeg2").
+#pragma once
+
+#include <string>
+
+#include "framework/upstream.h"
+
+namespace sonvex {
+
+// The reader for `tag`, as a prober (no gap file, no gap data); nil for a tag that names no
+// stream this program reads. `dtsOption` goes to the DTS reader.
+UpStreamRef CreateTsTrackReader(const std::string& tag, bool dtsOption);
+
+// A stage that knows only what the PMT and the PES layer tell: the codec of `tag` and whether a
+// time stamp came (its initial delay is 0). Stands in for a family's reader that isn't built.
+UpStreamRef CreateTsStreamStandIn(const std::string& tag);
+
+}  // namespace sonvex
