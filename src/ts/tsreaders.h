@@ -12,8 +12,4 @@ namespace sonvex {
 // stream this program reads. `dtsOption` goes to the DTS reader.
 UpStreamRef CreateTsTrackReader(const std::string& tag, bool dtsOption);
 
-// A stage that knows only what the PMT and the PES layer tell: the codec of `tag` and whether a
-// time stamp came (its initial delay is 0). Stands in for a family's reader that isn't built.
-UpStreamRef CreateTsStreamStandIn(const std::string& tag);
-
 }  // namespace sonvex

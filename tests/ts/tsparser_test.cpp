@@ -7,6 +7,7 @@
 #include "framework/smallstages.h"
 #include "ts/tsbuilder.h"
 #include "ts/tsreaders.h"
+#include "ts/tsstandin.h"
 
 namespace sonvex::tstest {
 namespace {
