@@ -36,7 +36,7 @@ TEST(MainRun, RefusalsEndWithTheirMessageExitCodeOneAndTheLogCopy) {
   { std::ofstream(dir / "empty.ac3"); }
   {
     std::ofstream garbage(dir / "garbage.bin", std::ios::binary);
-    for (int i = 0; i < 300000; i++) garbage.put(char((i * 7919) >> 3));
+    for (uint32_t i = 0; i < 300000; i++) garbage.put(char((i * 7919u) >> 3));
   }
   fs::create_directories(dir.path() / "nodisc");
   fs::create_directories(dir.path() / "out");
