@@ -1,6 +1,9 @@
 // TDestFile and the helpers for indexed and twin output names.
 #include "files/destfile.h"
 
+#include <mutex>
+#include <set>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,6 +75,33 @@ TDestFile::~TDestFile() {
 
 // Creates the file. A delay that the stream still needs goes into the name: "a.ac3" with 100 ms
 // becomes "a DELAY 100ms.ac3". A missing last directory level is made once.
+namespace {
+
+// The files this process has created. After a failed pass only these are removed: a name that
+// stood for an existing file the run never wrote (a source given by mistake as a destination)
+// is left alone.
+std::mutex createdLock;
+std::set<std::string> createdFiles;
+
+void NoteCreated(const std::string& name) {
+  std::lock_guard<std::mutex> guard(createdLock);
+  createdFiles.insert(name);
+}
+
+bool RemoveCreated(const std::string& name) {
+  std::lock_guard<std::mutex> guard(createdLock);
+  if (!createdFiles.erase(name)) return false;
+  return std::remove(name.c_str()) == 0;
+}
+
+}  // namespace
+
+void DeleteCreatedFiles() {
+  std::lock_guard<std::mutex> guard(createdLock);
+  for (const std::string& name : createdFiles) std::remove(name.c_str());
+  createdFiles.clear();
+}
+
 bool TDestFile::OpenFile() {
   Log(0, "Creating file \"" + name + "\"...");
   int32_t delay = DelaySum();
@@ -93,6 +123,7 @@ bool TDestFile::OpenFile() {
     }
   }
   if (handle < 0) return Fail("The destination file \"" + name + "\" could not be created.");
+  if (!isStdout) NoteCreated(name);
   return true;
 }
 
@@ -201,10 +232,10 @@ void FinishOutputs(const std::string& name, uint32_t bits, int32_t index, int32_
 
 void DeleteOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count) {
   if (bits != 0) {
-    DeleteOutput(InsertBeforeExtension(name, ".24bit"), index, count);
-    DeleteOutput(InsertBeforeExtension(name, ".16bit"), index, count);
+    RemoveCreated(IndexedName(InsertBeforeExtension(name, ".24bit"), index, count));
+    RemoveCreated(IndexedName(InsertBeforeExtension(name, ".16bit"), index, count));
   } else {
-    DeleteOutput(name, index, count);
+    RemoveCreated(IndexedName(name, index, count));
   }
 }
 

@@ -345,6 +345,8 @@ void TMainRun::AfterFailedPass() {
       DeleteOutputs(action.dest, 24, 0, 0);
     }
   }
+  // Files whose names took a delay (" DELAY 100ms") are found through the list of created files.
+  DeleteCreatedFiles();
 }
 
 bool TMainRun::RunPasses() {

@@ -69,5 +69,28 @@ TEST(MainRun, RefusalsEndWithTheirMessageExitCodeOneAndTheLogCopy) {
     EXPECT_NE(name.find(" - Log.txt"), std::string::npos) << name;
 }
 
+TEST(MainRun, AFailedPassRemovesOnlyWhatItCreated) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  std::string ac3 = (CorpusDir() / "gen/ac3_20_192k.ac3").string();
+  // An existing file named as a destination that the pass refuses stays as it was.
+  { std::ofstream(dir / "precious.m2ts") << "keep me"; }
+  RunResult refused = RunSonvex({ac3, "precious.m2ts"}, dir.path());
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_EQ(ReadFile(dir.path() / "precious.m2ts"), "keep me");
+  // A pass that fails after creating its file (the writer creates it at the first full MiB)
+  // leaves nothing behind: damage near the end of a long stream stops the AC3 reader.
+  std::string data;
+  for (int i = 0; i < 10; i++) data += ReadFile(ac3);
+  for (size_t i = data.size() - 50000; i < data.size() - 49900; i++) data[i] = char(~data[i]);
+  { std::ofstream(dir / "damaged.ac3", std::ios::binary) << data; }
+  RunResult failed = RunSonvex({"damaged.ac3", "out.ac3", "+100ms"}, dir.path());
+  EXPECT_EQ(failed.exitCode, 1);
+  EXPECT_TRUE(failed.HasLine("[a01] This track is not clean. Processing aborted."));
+  for (const std::string& name : ListFiles(dir.path()))
+    EXPECT_TRUE(name == "precious.m2ts" || name == "damaged.ac3" || name.find("Log.txt") != std::string::npos)
+        << name;
+}
+
 }  // namespace
 }  // namespace sonvex
