@@ -9,7 +9,7 @@
 #include "support/battery.h"
 #include "thd/thdtestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::thdtest {
 namespace {
 
 // A frame header and `size` bytes of frame in all.
@@ -72,14 +72,11 @@ TEST(Mp2Frame, Refusals) {
   TMp2FrameInfo info;
   auto good = Mp2Header(2, 11, 1, 0, 0);
   EXPECT_EQ(ParseMp2Frame(good.data(), 2, info), 1);  // too short
-  auto lsf = Mp2Header(2, 11, 1, 0, 0, false);        // MPEG-2 low sample rate
-  EXPECT_EQ(ParseMp2Frame(lsf.data(), 4, info), 1);
-  auto noLayer = Mp2Header(0, 11, 1, 0, 0);
-  EXPECT_EQ(ParseMp2Frame(noLayer.data(), 4, info), 1);
-  auto badRate = Mp2Header(2, 15, 1, 0, 0);
-  EXPECT_EQ(ParseMp2Frame(badRate.data(), 4, info), 1);
-  auto badFrequency = Mp2Header(2, 11, 3, 0, 0);
-  EXPECT_EQ(ParseMp2Frame(badFrequency.data(), 4, info), 1);
+  for (auto header : {Mp2Header(2, 11, 1, 0, 0, false),  // MPEG-2 low sample rate
+                      Mp2Header(0, 11, 1, 0, 0),         // no layer
+                      Mp2Header(2, 15, 1, 0, 0),         // bad bit rate
+                      Mp2Header(2, 11, 3, 0, 0)})        // bad sampling frequency
+    EXPECT_EQ(ParseMp2Frame(header.data(), 4, info), 1);
   auto freeFormat = Mp2Header(2, 0, 1, 0, 0);  // a good header, of no size
   ASSERT_EQ(ParseMp2Frame(freeFormat.data(), 4, info), 0);
   EXPECT_EQ(info.frameSize, 0u);
@@ -101,25 +98,18 @@ TEST(Mp2Reader, CorpusStreamListsAndCopiesBitExact) {
   // ffprobe: mp2, 2 channels, 48000 Hz, 224000 bit/s, 6 s, 250 packets.
   EXPECT_EQ(reader->AudioDetails()->Description(),
             "MP2, 2.0 channels, 0:00:06, 224kbit/s, 48khz");
-  EXPECT_EQ(reader->AudioDetails()->Format(), "mp2");
   EXPECT_EQ(capture->blocks.size(), 250u);
   EXPECT_TRUE(capture->bytes == bytes);
-  ASSERT_EQ(capture->audioInits.size(), 1u);
-  EXPECT_EQ(capture->audioInits[0].format, "mp2");
-  EXPECT_EQ(capture->audioInits[0].bits, 24u);
 
-  RunParserBattery([] { return TMp2Reader::Create("", "", false); },
-                   std::vector<uint8_t>(bytes.begin(), bytes.begin() + 672 * 40),
-                   std::vector<uint8_t>(bytes.begin(), bytes.begin() + 672 * 40));
-  RunParserBattery([] { return TMp2Reader::Create(); },
-                   std::vector<uint8_t>(bytes.begin(), bytes.begin() + 672 * 40),
-                   std::vector<uint8_t>(bytes.begin(), bytes.begin() + 672 * 40));
+  std::vector<uint8_t> head(bytes.begin(), bytes.begin() + 672 * 40);
+  RunParserBattery([] { return TMp2Reader::Create("", "", false); }, head, head);
+  RunParserBattery([] { return TMp2Reader::Create(); }, head, head);
 }
 
 TEST(Mp2Reader, TransportStreamTracksCopiedByFfmpeg) {
   SKIP_WITHOUT_CORPUS();
-  if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg absent";
-  TScratch scratch;
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  TempDir scratch;
   // ffprobe: both files carry their MP2 tracks at 48 kHz, stereo; 224 and 384 kbit/s.
   struct {
     const char* file;
@@ -273,19 +263,10 @@ TEST(Mp2Delayer, WholeFramesRoundedToTheNearest) {
     ASSERT_TRUE(ok) << row.delay;
     EXPECT_TRUE(capture->bytes == Frames(stream, row.frames)) << row.delay;
     EXPECT_EQ(log.Count("Applying MP2 delay..."), 1);
-    ASSERT_EQ(capture->audioInits.size(), 1u);
-    EXPECT_EQ(capture->audioInits[0].totalSize, row.totalSize) << row.delay;
+    EXPECT_EQ(capture->audioInits.at(0).totalSize, row.totalSize) << row.delay;
     EXPECT_TRUE(capture->delaysSeen.empty()) << "the delayer applies the delay itself";
   }
   TLogLines log;
-  auto delayer = TMp2Delayer::Create();
-  delayer->AppendUpStream(TCapture::Create());
-  EXPECT_FALSE(delayer->InitAudio("ac3", 2, 24, 48000, false, 0));
-  EXPECT_EQ(log.Count("The MP2 delayer received a non-supported data format."), 1);
-  auto early = TMp2Delayer::Create();
-  early->AppendUpStream(TCapture::Create());
-  EXPECT_FALSE(early->Write(0, false, stream.data(), 672, -1, false));
-  EXPECT_EQ(log.Count("The MP2 delayer didn't receive the format information."), 1);
   auto broken = TMp2Delayer::Create();
   broken->AppendUpStream(TCapture::Create());
   ASSERT_TRUE(broken->InitAudio("mp2", 2, 24, 48000, false, 0));
@@ -340,9 +321,6 @@ TEST(Mp2GapRealizer, GapsRepeatAndOverlapsDrop) {
   std::vector<uint8_t> junk(672, 0);
   EXPECT_FALSE(realizer->Write(0, false, junk.data(), 672, -1, false));
   EXPECT_EQ(log.Count("The mp2 gap realizer received invalid data."), 1);
-  auto unlinked = TMp2GapRealizer::Create(GapData({}));
-  EXPECT_FALSE(unlinked->InitAudio("mp2", 2, 24, 48000, false, 0));
-  EXPECT_EQ(log.Count("The mp2 gap realizer upstream property is not set."), 1);
 }
 
 // A damaged or hostile gap file: records far beyond any stream's length neither overflow nor
@@ -361,24 +339,5 @@ TEST(Mp2GapRealizer, RecordsBeyondReasonAreHeld) {
   }
 }
 
-// Reader and delayer on the generated stream: a delay of 100 ms repeats the first frame four
-// times (2800 bytes at 224 kbit/s, 4.17 frames of 672 bytes).
-TEST(Mp2Delayer, CorpusStreamDelayedByWholeFrames) {
-  SKIP_WITHOUT_CORPUS();
-  auto bytes = ReadBytes(CorpusPath("gen/mp2_20_224k.mp2"));
-  auto reader = TMp2Reader::Create("", "", false);
-  auto delayer = TMp2Delayer::Create();
-  reader->AppendUpStream(delayer);
-  reader->SetDelay(0, 100);
-  bool ok = false;
-  auto capture = Drive(reader, bytes, 16384, ok);
-  ASSERT_TRUE(ok);
-  std::vector<uint8_t> expected;
-  for (int i = 0; i < 4; i++) expected.insert(expected.end(), bytes.begin(), bytes.begin() + 672);
-  expected.insert(expected.end(), bytes.begin(), bytes.end());
-  EXPECT_TRUE(capture->bytes == expected);
-  EXPECT_EQ(capture->blocks.size(), 254u);
-}
-
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::thdtest
