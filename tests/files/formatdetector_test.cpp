@@ -26,13 +26,6 @@ public:
       : magic(std::move(magicBytes)), kind(kindOf), format(std::move(formatTag)), blockSize(budget) {}
 
   uint32_t BlockSize() override { return blockSize; }
-  bool InitAudio(const std::string&, uint32_t, uint32_t, uint32_t, bool, int64_t) override {
-    return acceptInit;
-  }
-  bool InitContainer(const std::string& tag, int64_t, int64_t) override {
-    containerTags.push_back(tag);
-    return true;
-  }
   bool Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t, bool) override {
     writes++;
     if (seen.size() < magic.size())
@@ -56,12 +49,10 @@ public:
   std::string format;
   uint32_t blockSize;
   uint64_t failAfter = 0;
-  bool acceptInit = true;
   std::string seen;
   uint64_t bytes = 0;
   int writes = 0;
   int finished = 0;
-  std::vector<std::string> containerTags;
 };
 
 std::shared_ptr<TFakeCandidate> Fake(const std::string& magic, TFakeCandidate::Kind kind,
@@ -106,10 +97,9 @@ TEST(FormatDetector, FirstBareStreamInIndexOrderEndsDetectionAndStopsTheSource) 
   for (uint32_t slot : {0u, 1u, 2u}) EXPECT_EQ(detector->Candidate(slot), nullptr) << slot;
   EXPECT_EQ(detector->Candidate(3), ac3);
   EXPECT_FALSE(detector->ContainerDetails()->IsValid());
-  // Candidates are silent and end in a file simulator; the source's "?" reached them.
+  // Candidates are silent and end in a file simulator.
   EXPECT_TRUE(ac3->IsSilent());
   EXPECT_NE(Query<IFileSimulator>(ac3->LastStage()), nullptr);
-  EXPECT_EQ(ac3->containerTags, (std::vector<std::string>{"?", "?"}));
 }
 
 TEST(FormatDetector, ContainerWinsWhileAContainerParserIsAlive) {
@@ -157,17 +147,6 @@ TEST(FormatDetector, CandidatesAreTriedForTheirBlockSizeOnly) {
   EXPECT_FALSE(run2.result);
   EXPECT_EQ(budget->Size(), 32768);
   EXPECT_EQ(run2.source->Position(), 3 * 16384);
-}
-
-TEST(FormatDetector, NothingFoundGivesTheDetectorsOwnEmptyBlocks) {
-  auto refusing = Fake("\x0B\x77"s, TFakeCandidate::kAudio, "ac3");
-  refusing->acceptInit = false;
-  auto detector = TFormatDetector::CreateWith({nullptr, nullptr, nullptr, refusing}, nullptr);
-  // An empty file: Write is never called; the refusing candidate is dropped at InitAudio.
-  EXPECT_FALSE(detector->InitAudio("?", 1, 8, 48000, false, 0));
-  EXPECT_EQ(detector->Candidate(3), nullptr);
-  EXPECT_FALSE(detector->AudioDetails()->IsValid());
-  EXPECT_FALSE(detector->ContainerDetails()->IsValid());
 }
 
 TEST(FormatDetector, DtsInWavIsAnnouncedAsDtswav) {
