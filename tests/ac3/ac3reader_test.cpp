@@ -229,7 +229,9 @@ TEST(Ac3Reader, FirstFrameJudgement) {
     EXPECT_FALSE(RunReader(c.stream, 4096, c.exactStart).ok) << c.message;
     ASSERT_FALSE(log.lines.empty()) << c.message;
     EXPECT_EQ(log.lines[0], (std::pair<int, std::string>{2, c.message}));
-    if (&c == &cases[1]) EXPECT_FALSE(log.Has(2, "This track is not clean. Processing aborted."));
+    if (&c == &cases[1]) {
+      EXPECT_FALSE(log.Has(2, "This track is not clean. Processing aborted."));
+    }
   }
 }
 

@@ -43,7 +43,9 @@ TEST(DtsCoreHeader, ArrangementsRatesResolutions) {
     TDtsFrameInfo info = Parse(CoreFrame({.amode = l.amode, .lfe = l.lfe}));
     EXPECT_EQ(info.channelText, l.text);
     EXPECT_EQ(info.channels, l.channels) << l.text;
-    if (l.lfe || l.amode == 2) EXPECT_EQ(info.channelMask, l.mask) << l.text;
+    if (l.lfe || l.amode == 2) {
+      EXPECT_EQ(info.channelMask, l.mask) << l.text;
+    }
   }
   for (auto [code, rate] : {std::pair{1u, 8000u}, {6u, 11025u}, {8u, 44100u}, {11u, 12000u}})
     EXPECT_EQ(Parse(CoreFrame({.sfreq = code})).sampleRate, rate);
@@ -90,7 +92,9 @@ TEST(DtsCoreHeader, ExtensionAudio) {
     EXPECT_EQ(info.channels, channels) << id;
     EXPECT_EQ(info.sampleRate, rate) << id;
     EXPECT_EQ(info.formatName, name) << id;
-    if (channels == 7) EXPECT_EQ(info.channelText, "6.1");
+    if (channels == 7) {
+      EXPECT_EQ(info.channelText, "6.1");
+    }
   }
 }
 

@@ -151,7 +151,9 @@ TEST(MajorSync, RealStreams) {
     }
     EXPECT_GT(syncs, 0u) << name;
     EXPECT_GT(others, 0u) << name;
-    if (std::string(name).find("atmos") != std::string::npos) EXPECT_TRUE(extended);
+    if (std::string(name).find("atmos") != std::string::npos) {
+      EXPECT_TRUE(extended);
+    }
   }
 }
 

@@ -106,9 +106,11 @@ TEST(ThdDialnorm, PatchedMajorSyncsDecodeLikeTheOriginal) {
       EXPECT_EQ(sync.dialnorm, 0);
       EXPECT_EQ(unit[22], 0);
       // Nothing else of the unit changed.
-      for (uint32_t i = 0; i < block; i++)
-        if (i != 22 && i != 25 && i != 26 && i != 30 && i != 31)
+      for (uint32_t i = 0; i < block; i++) {
+        if (i != 22 && i != 25 && i != 26 && i != 30 && i != 31) {
           ASSERT_EQ(unit[i], bytes[at + i]) << "byte " << i << " of the unit at " << at;
+        }
+      }
     } else {
       ASSERT_TRUE(std::equal(unit, unit + block, bytes.begin() + long(at)));
     }
