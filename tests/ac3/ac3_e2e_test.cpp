@@ -1,6 +1,5 @@
 // The AC3 path through the real sonvex binary: an untouched copy is bit-exact, and a damaged
-// stream stops the run with exit code 1 and leaves no output. These run once the program's main
-// run is part of the build.
+// stream stops the run with exit code 1 and leaves no output.
 #include <gtest/gtest.h>
 
 #include "ac3testutil.h"
@@ -8,56 +7,39 @@
 namespace sonvex::ac3test {
 namespace {
 
-bool MainRunBuilt() {
-  return std::filesystem::exists(std::string(SONVEX_SOURCE_DIR) + "/src/run/runtracks.cpp");
-}
-
-#define SKIP_WITHOUT_MAIN_RUN() \
-  if (!MainRunBuilt()) GTEST_SKIP() << "the main run is not part of this build yet"
-
-// Runs sonvex with its log kept in the scratch folder; returns the exit code.
-int RunSonvex(const ScratchDir& dir, const std::string& arguments, std::string* output) {
-  return RunCommand("XDG_STATE_HOME='" + dir.path.string() + "' '" SONVEX_BINARY "' " + arguments +
-                        " 2>&1",
-                    output);
-}
-
 TEST(Ac3EndToEnd, UntouchedCopyIsBitExact) {
-  SKIP_WITHOUT_AC3_CORPUS();
-  SKIP_WITHOUT_MAIN_RUN();
-  ScratchDir dir;
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
   for (const char* name : {"gen/ac3_20_192k.ac3", "gen/eac3_51_640k.eac3"}) {
     std::string source = CorpusDir() + "/" + name;
-    std::string dest = dir / (std::string("y") + std::filesystem::path(name).extension().string());
-    std::string output;
-    EXPECT_EQ(RunSonvex(dir, "'" + source + "' '" + dest + "'", &output), 0) << output;
+    std::string dest = dir / (std::string("y") + fs::path(name).extension().string());
+    RunResult r = RunSonvex({source, dest}, dir.path());
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     EXPECT_EQ(ReadBytes(dest), ReadBytes(source)) << name;
   }
-  // A stream with a real dialnorm keeps it with -keepDialnorm.
+  // A stream with a real dialnorm keeps it with -keepDialnorm; the cut last frame is left out.
   std::string source = CorpusDir() + "/public/ac3/monsters_inc_5.1_448_small.ac3";
-  std::string dest = dir / "kept.ac3";
-  std::string output;
-  EXPECT_EQ(RunSonvex(dir, "'" + source + "' '" + dest + "' -keepDialnorm", &output), 0) << output;
-  auto in = ReadBytes(source), out = ReadBytes(dest);
+  RunResult r = RunSonvex({source, dir / "kept.ac3", "-keepDialnorm"}, dir.path());
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  auto in = ReadBytes(source), out = ReadBytes(dir / "kept.ac3");
   ASSERT_FALSE(out.empty());
-  // The cut last frame of the sample is left out.
   EXPECT_EQ(out.size() % 1792, 0u);
   EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin()));
 }
 
 TEST(Ac3EndToEnd, DamagedStreamFailsAndLeavesNoOutput) {
-  SKIP_WITHOUT_AC3_CORPUS();
-  SKIP_WITHOUT_MAIN_RUN();
-  ScratchDir dir;
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
   auto stream = ReadBytes(CorpusDir() + "/gen/ac3_20_192k.ac3");
   stream[768 * 60 + 300] ^= 0x08;
   WriteBytes(dir / "x.ac3", stream);
-  std::string output;
-  EXPECT_EQ(RunSonvex(dir, "'" + (dir / "x.ac3") + "' '" + (dir / "y.ac3") + "'", &output), 1);
+  RunResult r = RunSonvex({dir / "x.ac3", dir / "y.ac3"}, dir.path());
+  EXPECT_EQ(r.exitCode, 1);
+  std::string output = r.out + r.err;
   EXPECT_NE(output.find("This track is not clean. Processing aborted."), std::string::npos) << output;
   EXPECT_NE(output.find("Please clean the track with delaycut and then retry sonvex."),
             std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(dir / "y.ac3"));
+  EXPECT_FALSE(fs::exists(dir / "y.ac3"));
 }
 
 }  // namespace

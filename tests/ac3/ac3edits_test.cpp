@@ -10,7 +10,6 @@
 #include "ac3/gaptracker.h"
 #include "ac3testutil.h"
 #include "framework/bitreader.h"
-#include "support/capture.h"
 
 namespace sonvex::ac3test {
 namespace {
@@ -65,7 +64,7 @@ bool FfmpegDecodesCleanly(const std::string& file) {
 
 TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
   if (!HaveTool("ffmpeg")) GTEST_SKIP() << "ffmpeg absent";
-  ScratchDir dir;
+  TempDir dir;
   struct Case {
     const char* name;
     const char* args;
@@ -93,12 +92,6 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
                         : ParseAc3Frame(out.data() + at, uint32_t(out.size() - at), info);
       ASSERT_EQ(result, 0) << "frame at " << at;
       EXPECT_EQ(info.dialnorm, 0);
-      TAc3FrameInfo before;
-      if (eac3)
-        ParseEac3Frame(stream.data() + at, uint32_t(stream.size() - at), before);
-      else
-        ParseAc3Frame(stream.data() + at, uint32_t(stream.size() - at), before);
-      EXPECT_EQ(before.dialnorm, 27);
       at += info.frameSize;
     }
     std::string patched = dir / (std::string("patched_") + c.name);
@@ -114,7 +107,7 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
 }
 
 TEST(Ac3Edits, NeutralDialnormAndKeepDialnormAreBitExact) {
-  SKIP_WITHOUT_AC3_CORPUS();
+  SKIP_WITHOUT_CORPUS();
   for (const char* name : {"gen/ac3_20_192k.ac3", "gen/eac3_20_224k.eac3"}) {
     auto stream = ReadBytes(CorpusDir() + "/" + name);
     LogRecorder log;
@@ -150,32 +143,14 @@ TEST(Ac3Edits, DelayRepeatsOrDropsWholeFrames) {
       expected = Join(frames, size_t(-c.frames));
     EXPECT_EQ(run.capture->bytes, expected);
     EXPECT_EQ(log.Has(0, "Applying (E-)AC3 delay..."), c.frames != 0);
-    if (c.delay > -5000) {
-      ASSERT_EQ(run.capture->audioInits.size(), 1u);
-      // The length is unknown once frames were added or taken.
-      EXPECT_EQ(run.capture->audioInits[0].totalSize == 0, true);
-    }
     // The delayer applies the delay: nothing is handed on behind it.
     EXPECT_TRUE(run.capture->delaysSeen.empty());
   }
-  EXPECT_EQ(Ac3DelayFrames(48, 192000, 768), 2);   // 1.5 frames
-  EXPECT_EQ(Ac3DelayFrames(-48, 192000, 768), -2);
-}
-
-TEST(Ac3Edits, DelayerRefusesDataItCannotParse) {
-  LogRecorder log;
-  auto delayer = TAc3Delayer::Create();
-  delayer->AppendUpStream(TCapture::Create());
-  ASSERT_TRUE(delayer->InitAudio("ac3", 2, 24, 48000, false, 0));
-  std::vector<uint8_t> junk(768, 0x11);
-  EXPECT_FALSE(delayer->Write(0, false, junk.data(), 768, -1, false));
-  EXPECT_TRUE(log.Has(1, "Applying (E-)AC3 delay failed."));
-  EXPECT_FALSE(delayer->IsValid());
 }
 
 // A ".gaps" file written by hand, read as at chain building, realised in the stream.
 ChainRun RunGapFile(const std::vector<uint8_t>& stream, const std::string& fileContent) {
-  ScratchDir dir;
+  TempDir dir;
   WriteBytes(dir / "x.gaps", std::vector<uint8_t>(fileContent.begin(), fileContent.end()));
   auto logger = TCapture::Create();
   std::string content;
@@ -188,54 +163,38 @@ constexpr int64_t kFrame = 320000;
 TEST(Ac3Edits, GapFileIsRealised) {
   auto frames = NumberedFrames(400);
   auto stream = Join(frames);
-  {
-    // 200 ms missing at frame 200: 6.25 frames, so the 6 frames before the gap come again.
+  struct Case {
+    std::string file;
+    std::vector<uint8_t> expected;
+  };
+  const Case cases[] = {
+      // 200 ms missing at frame 200: 6.25 frames, so the 6 frames before the gap come again.
+      {GapBlobFromEntries({{200 * kFrame + 2000000, 2000000}}),
+       Concat({Join(frames, 0, 200), Join(frames, 194, 200), Join(frames, 200)})},
+      // 100 ms too much at frame 300: frames 300 to 302 go.
+      {GapBlobFromEntries({{300 * kFrame, -1000000}}), Concat({Join(frames, 0, 300), Join(frames, 303)})},
+      // Cumulated drift: +200 ms at 100 (6 frames in), then -100 ms at 250: a step of -9 frames.
+      {GapBlobFromEntries({{100 * kFrame + 2000000, 2000000}, {250 * kFrame, -1000000}}),
+       Concat({Join(frames, 0, 100), Join(frames, 94, 100), Join(frames, 100, 250), Join(frames, 259)})},
+      // A positive drift that shrinks changes nothing: frames are only added while it grows.
+      {GapBlobFromEntries({{100 * kFrame + 2000000, 2000000}, {250 * kFrame, 1000000}}),
+       Concat({Join(frames, 0, 100), Join(frames, 94, 100), Join(frames, 100)})},
+      // One second missing: 31 frames, more than the 30 kept: the 30, then the newest one.
+      {GapBlobFromEntries({{100 * kFrame + 10000000, 10000000}}),
+       Concat({Join(frames, 0, 100), Join(frames, 70, 100), Join(frames, 99, 100), Join(frames, 100)})},
+      // 15 bytes hold no record: only the leading zero record, and the first frame stays out.
+      {std::string(15, '\x7f'), Join(frames, 1)}};
+  for (const Case& c : cases) {
     LogRecorder log;
-    ChainRun run = RunGapFile(stream, GapBlobFromEntries({{200 * kFrame + 2000000, 2000000}}));
+    ChainRun run = RunGapFile(stream, c.file);
     ASSERT_TRUE(run.ok);
-    EXPECT_EQ(run.capture->bytes, Concat({Join(frames, 0, 200), Join(frames, 194, 200),
-                                          Join(frames, 200)}));
-    EXPECT_TRUE(log.Has(0, "Realizing (E-)AC3 gaps..."));
-  }
-  {
-    // 100 ms too much at frame 300: frames 300 to 302 go.
-    ChainRun run = RunGapFile(stream, GapBlobFromEntries({{300 * kFrame, -1000000}}));
-    ASSERT_TRUE(run.ok);
-    EXPECT_EQ(run.capture->bytes, Concat({Join(frames, 0, 300), Join(frames, 303)}));
-  }
-  {
-    // Cumulated drift: +200 ms at 100 (6 frames in), then -100 ms at 250: a step of -9 frames.
-    ChainRun run = RunGapFile(stream, GapBlobFromEntries({{100 * kFrame + 2000000, 2000000},
-                                                          {250 * kFrame, -1000000}}));
-    ASSERT_TRUE(run.ok);
-    EXPECT_EQ(run.capture->bytes, Concat({Join(frames, 0, 100), Join(frames, 94, 100),
-                                          Join(frames, 100, 250), Join(frames, 259)}));
-  }
-  {
-    // A positive drift that shrinks changes nothing: frames are only added while it grows.
-    ChainRun run = RunGapFile(stream, GapBlobFromEntries({{100 * kFrame + 2000000, 2000000},
-                                                          {250 * kFrame, 1000000}}));
-    ASSERT_TRUE(run.ok);
-    EXPECT_EQ(run.capture->bytes,
-              Concat({Join(frames, 0, 100), Join(frames, 94, 100), Join(frames, 100)}));
-  }
-  {
-    // One second missing: 31 frames, more than the 30 kept: the 30, then the newest one.
-    ChainRun run = RunGapFile(stream, GapBlobFromEntries({{100 * kFrame + 10000000, 10000000}}));
-    ASSERT_TRUE(run.ok);
-    EXPECT_EQ(run.capture->bytes, Concat({Join(frames, 0, 100), Join(frames, 70, 100),
-                                          Join(frames, 99, 100), Join(frames, 100)}));
-  }
-  {
-    // 15 bytes hold no record: only the leading zero record, and the first frame stays out.
-    ChainRun run = RunGapFile(stream, std::string(15, '\x7f'));
-    ASSERT_TRUE(run.ok);
-    EXPECT_EQ(run.capture->bytes, Join(frames, 1));
+    EXPECT_EQ(run.capture->bytes, c.expected) << &c - cases;
+    EXPECT_EQ(log.Has(0, "Realizing (E-)AC3 gaps..."), c.file.size() >= 16) << &c - cases;
   }
 }
 
 TEST(Ac3Edits, GapFileLoading) {
-  ScratchDir dir;
+  TempDir dir;
   auto logger = TCapture::Create();
   std::string content = "x";
   {
@@ -264,10 +223,6 @@ TEST(Ac3Edits, GapFileLoading) {
     EXPECT_FALSE(LoadGapDescription(*logger, dir / "none.gaps", dir / "out.ac3", content));
     EXPECT_TRUE(log.Has(2, "Opening audio gap description file failed."));
   }
-  auto entries = GapEntriesFromBlob(GapBlobFromEntries({{-5, 7}, {INT64_MAX, INT64_MIN}}));
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[0].time, -5);
-  EXPECT_EQ(entries[1].drift, INT64_MIN);
 }
 
 TEST(Ac3Edits, GapTrackerStaircase) {
@@ -304,46 +259,25 @@ TEST(Ac3Edits, GapTrackerStaircase) {
   EXPECT_EQ(small.ReportedEntries(2000, clock, 190000, 190000).size(), 1u);
 }
 
-TEST(Ac3Edits, StageContractMessages) {
-  struct Case {
-    std::function<UpStreamRef()> make;
-    const char* name;
-  };
-  for (Case c : {Case{[] { return UpStreamRef(TAc3DialnormRemover::Create()); }, "(E-)AC3 dialnorm remover"},
-                 Case{[] { return UpStreamRef(TAc3Delayer::Create()); }, "(E-)AC3 delayer"},
-                 Case{[] { return UpStreamRef(TAc3GapRealizer::Create("")); }, "(E-)AC3 gap realizer"}}) {
-    LogRecorder log;
-    EXPECT_FALSE(c.make()->InitAudio("ac3", 2, 24, 48000, false, 0));
-    EXPECT_TRUE(log.Has(2, std::string("The ") + c.name + " upstream property is not set."));
-    UpStreamRef stage = c.make();
-    stage->AppendUpStream(TCapture::Create());
-    EXPECT_FALSE(stage->InitAudio("pcm", 2, 24, 48000, false, 0));
-    EXPECT_TRUE(log.Has(2, std::string("The ") + c.name + " received a non-supported data format."));
-  }
+// Data that is no (E-)AC3 frame stops the delayer and the gap realizer.
+TEST(Ac3Edits, DelayerAndGapRealizerRefuseDataTheyCannotParse) {
   LogRecorder log;
-  auto delayer = TAc3Delayer::Create();
-  delayer->AppendUpStream(TCapture::Create());
-  auto frame = MakeAc3Frame({});
-  EXPECT_FALSE(delayer->Write(0, false, frame.data(), uint32_t(frame.size()), -1, false));
-  EXPECT_TRUE(log.Has(2, "The (E-)AC3 delayer didn't receive the format information."));
-
-  auto realizer = TAc3GapRealizer::Create(GapBlobFromEntries({{0, 0}, {kFrame * 10, 2000000}}));
-  realizer->AppendUpStream(TCapture::Create());
-  ASSERT_TRUE(realizer->InitAudio("ac3", 2, 24, 48000, false, 0));
   std::vector<uint8_t> junk(768, 0x42);
-  EXPECT_FALSE(realizer->Write(0, false, junk.data(), 768, -1, false));
+  for (UpStreamRef stage : {UpStreamRef(TAc3Delayer::Create()),
+                            UpStreamRef(TAc3GapRealizer::Create(
+                                GapBlobFromEntries({{0, 0}, {kFrame * 10, 2000000}})))}) {
+    stage->AppendUpStream(TCapture::Create());
+    ASSERT_TRUE(stage->InitAudio("ac3", 2, 24, 48000, false, 0));
+    EXPECT_FALSE(stage->Write(0, false, junk.data(), 768, -1, false));
+    EXPECT_FALSE(stage->IsValid());
+  }
+  EXPECT_TRUE(log.Has(1, "Applying (E-)AC3 delay failed."));
   EXPECT_TRUE(log.Has(1, "The (E-)AC3 gap realizer received invalid data."));
 }
 
 TEST(Ac3Edits, CoreExtractorKeepsTheIndependentFrame) {
-  Eac3FrameSpec dep;
-  dep.streamType = 1;
-  dep.acmod = 2;
-  dep.lfe = 0;
-  dep.words = 256;
-  dep.chanmap = 0x0200;
   auto core = MakeEac3Frame({});
-  auto unit = Concat({core, MakeEac3Frame(dep)});
+  auto unit = Concat({core, RearPairFrame()});
   LogRecorder log;
   ChainRun run = RunChain(Repeat(unit, 10), {TEac3CoreExtractor::Create()});
   ASSERT_TRUE(run.ok);
@@ -351,12 +285,6 @@ TEST(Ac3Edits, CoreExtractorKeepsTheIndependentFrame) {
   EXPECT_EQ(log.Count("Extracting E-AC3 core..."), 1u);
   ASSERT_EQ(run.capture->audioInits.size(), 1u);
   EXPECT_EQ(run.capture->audioInits[0].format, "eac3");
-
-  LogRecorder refused;
-  auto extractor = TEac3CoreExtractor::Create();
-  extractor->AppendUpStream(TCapture::Create());
-  EXPECT_FALSE(extractor->InitAudio("ac3", 2, 24, 48000, false, 0));
-  EXPECT_TRUE(refused.Has(2, "The E-AC3 core extractor received a non-supported data format."));
 }
 
 }  // namespace

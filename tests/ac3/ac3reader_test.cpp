@@ -14,13 +14,6 @@
 namespace sonvex::ac3test {
 namespace {
 
-StageFactory ChainReader() {
-  return [] { return UpStreamRef(TAc3Reader::Create("", "", false)); };
-}
-StageFactory ExactReader() {
-  return [] { return UpStreamRef(TAc3Reader::Create()); };
-}
-
 // Pushes `stream` through a fresh reader in pieces; the reader and its capture stay reachable.
 struct ReaderRun {
   std::shared_ptr<TAc3Reader> reader;
@@ -40,11 +33,7 @@ ReaderRun RunReader(const std::vector<uint8_t>& stream, size_t piece = 4096,
   return run;
 }
 
-std::vector<uint8_t> Ac3Stream(int frames, uint32_t dialnorm = 27) {
-  Ac3FrameSpec spec;
-  spec.dialnorm = dialnorm;
-  return Repeat(MakeAc3Frame(spec), frames);
-}
+std::vector<uint8_t> Ac3Stream(int frames) { return Repeat(MakeAc3Frame({}), frames); }
 
 // ffprobe's facts about the first audio stream of a file, as key=value pairs.
 std::map<std::string, std::string> Probe(const std::string& file) {
@@ -83,20 +72,20 @@ std::vector<std::string> CorpusAc3Files() {
 }
 
 TEST(Ac3Reader, BatteryOnCorpusStreams) {
-  SKIP_WITHOUT_AC3_CORPUS();
+  SKIP_WITHOUT_CORPUS();
   for (const char* name : {"gen/ac3_20_192k.ac3", "public/eac3/csi_miami_5.1_256_spx_small.eac3"}) {
     SCOPED_TRACE(name);
     auto stream = ReadBytes(CorpusDir() + "/" + name);
     ASSERT_FALSE(stream.empty());
-    RunParserBattery(ChainReader(), stream, stream);
-    RunParserBattery(ExactReader(), stream, stream);
+    RunParserBattery([] { return UpStreamRef(TAc3Reader::Create("", "", false)); }, stream, stream);
+    RunParserBattery([] { return UpStreamRef(TAc3Reader::Create()); }, stream, stream);
   }
 }
 
 // Every AC3 and E-AC3 file of the corpus: one frame per block, the frame count, and the facts
 // of the listing as ffprobe sees them.
 TEST(Ac3Reader, ListingFactsMatchFfprobe) {
-  SKIP_WITHOUT_AC3_CORPUS();
+  SKIP_WITHOUT_CORPUS();
   if (!HaveTool("ffprobe")) GTEST_SKIP() << "ffprobe absent";
   auto files = CorpusAc3Files();
   ASSERT_GE(files.size(), 9u);
@@ -115,7 +104,7 @@ TEST(Ac3Reader, ListingFactsMatchFfprobe) {
     EXPECT_EQ(details->ChannelLayout(), LayoutText(facts["channel_layout"]));
     // The listing's length comes from the file size and the bit rate.
     double seconds = std::stod(facts["duration"]);
-    EXPECT_NEAR(details->Duration(), seconds * 1000, 2.0 + (eac3 ? 0 : 0));
+    EXPECT_NEAR(details->Duration(), seconds * 1000, 2.0);
     std::string expected = std::string(eac3 ? "E-AC3" : "AC3") + ", " +
                            LayoutText(facts["channel_layout"]) + " channels, " +
                            HoursMinutesSeconds(uint32_t(seconds * 1000 + 0.5)) + ", " +
@@ -127,9 +116,6 @@ TEST(Ac3Reader, ListingFactsMatchFfprobe) {
     EXPECT_TRUE(run.capture->blocks.size() == frames || run.capture->blocks.size() + 1 == frames);
     EXPECT_TRUE(std::search(stream.begin(), stream.end(), run.capture->bytes.begin(),
                             run.capture->bytes.end()) != stream.end() || sent == 0);
-    ASSERT_EQ(run.capture->audioInits.size(), 1u);
-    EXPECT_EQ(run.capture->audioInits[0].format, eac3 ? "eac3" : "ac3");
-    EXPECT_EQ(run.capture->audioInits[0].bits, 24u);
   }
 }
 
@@ -137,7 +123,7 @@ TEST(Ac3Reader, ListingFactsMatchFfprobe) {
 // listing computes as at 48 kHz.
 TEST(Ac3Reader, DialnormAndEac3At44100InTheListing) {
   if (!HaveTool("ffmpeg") || !HaveTool("ffprobe")) GTEST_SKIP() << "ffmpeg absent";
-  ScratchDir dir;
+  TempDir dir;
   struct Case {
     const char* name;
     const char* args;
@@ -173,7 +159,7 @@ TEST(Ac3Reader, DialnormAndEac3At44100InTheListing) {
 }
 
 TEST(Ac3Reader, JunkInFrontIsDroppedUpToTheLimit) {
-  SKIP_WITHOUT_AC3_CORPUS();
+  SKIP_WITHOUT_CORPUS();
   auto junkFile = ReadBytes(CorpusDir() + "/public/eac3/csi_miami_stereo_128_spx_junk352.eac3");
   ReaderRun run = RunReader(junkFile, 1000);
   ASSERT_TRUE(run.ok);
@@ -183,29 +169,21 @@ TEST(Ac3Reader, JunkInFrontIsDroppedUpToTheLimit) {
   // Format detection wants the frame at byte 0.
   EXPECT_FALSE(RunReader(junkFile, 1000, true).ok);
 
+  // Up to 12287 bytes of junk, of any length and in pieces that split frames, are dropped.
   auto frames = Ac3Stream(40);
-  std::vector<uint8_t> junk(12287, 0x0B);
-  for (size_t piece : {size_t(1000), size_t(4097), size_t(100000)}) {
-    ReaderRun accepted = RunReader(Concat({junk, frames}), piece);
-    EXPECT_TRUE(accepted.ok) << piece;
-    EXPECT_EQ(accepted.capture->bytes, frames) << piece;
+  for (auto [junkSize, piece] : {std::pair{2300, 4104}, {2311, 4104}, {2339, 4104},
+                                 {12287, 1000}, {12287, 4097}, {12287, 100000}}) {
+    ReaderRun accepted = RunReader(Concat({std::vector<uint8_t>(size_t(junkSize), 0x0B), frames}),
+                                   size_t(piece));
+    EXPECT_TRUE(accepted.ok) << junkSize << " " << piece;
+    EXPECT_EQ(accepted.capture->bytes, frames) << junkSize << " " << piece;
   }
+  std::vector<uint8_t> junk(12288, 0x0B);
   LogRecorder log;
-  junk.push_back(0);
   ReaderRun refused = RunReader(Concat({junk, frames}), 4096);
   EXPECT_FALSE(refused.ok);
   EXPECT_TRUE(refused.capture->bytes.empty());
   EXPECT_TRUE(log.Has(2, "This doesn't seem to be a valid (E-)AC3 stream."));
-}
-
-TEST(Ac3Reader, JunkOfEverySmallLengthWithSplitPushes) {
-  auto frames = Ac3Stream(12);
-  for (size_t junkSize = 2300; junkSize < 2340; junkSize++) {
-    std::vector<uint8_t> junk(junkSize, 0x55);
-    ReaderRun run = RunReader(Concat({junk, frames}), 4104);
-    EXPECT_TRUE(run.ok) << junkSize;
-    EXPECT_EQ(run.capture->bytes, frames) << junkSize;
-  }
 }
 
 TEST(Ac3Reader, DamagedFrameAtStartIsSkippedButInMidStreamEndsTheRun) {
@@ -220,54 +198,40 @@ TEST(Ac3Reader, DamagedFrameAtStartIsSkippedButInMidStreamEndsTheRun) {
   auto stream = Concat({Repeat(good, 10), bad, Repeat(good, 10)});
   ReaderRun middle = RunReader(stream, 5000);
   EXPECT_FALSE(middle.ok);
-  EXPECT_FALSE(middle.reader->IsValid());
   EXPECT_EQ(middle.capture->bytes, Repeat(good, 10));
-  ASSERT_TRUE(log.Has(2, "This track is not clean. Processing aborted."));
-  ASSERT_TRUE(log.Has(2, "Please clean the track with delaycut and then retry sonvex."));
-  EXPECT_EQ(log.lines.size(), 2u);
-  EXPECT_EQ(log.lines[0].second, "This track is not clean. Processing aborted.");
+  EXPECT_EQ(log.lines, (std::vector<std::pair<int, std::string>>{
+                           {2, "This track is not clean. Processing aborted."},
+                           {2, "Please clean the track with delaycut and then retry sonvex."}}));
   // A dead stage stays dead.
   EXPECT_FALSE(middle.reader->Write(0, false, good.data(), uint32_t(good.size()), -1, false));
 }
 
+// What the reader says when the stream does not start as a clean (E-)AC3 stream.
 TEST(Ac3Reader, FirstFrameJudgement) {
   auto frame = MakeAc3Frame({});
-  {
+  std::vector<uint8_t> truehd = {0x0F, 0x2E, 0x12, 0x34, 0xF8, 0x72, 0x6F, 0xBA};
+  truehd.resize(6000, 0);
+  struct Case {
+    std::vector<uint8_t> stream;
+    bool exactStart;
+    const char* message;
+  };
+  const Case cases[] = {
+      {frame, false, "This track is not clean. Processing aborted."},  // no frame behind it
+      {Concat({frame, truehd}), false, "This is a TrueHD/AC3 stream and not an AC3 stream."},
+      {RandomBytes(50000, 7), false, "This doesn't seem to be a valid (E-)AC3 stream."},
+      {{}, false, "The stream doesn't seem to contain any valid (E-)AC3 frames."},
+      // An E-AC3 frame with a reserved rate code at byte 0.
+      {Repeat(MakeEac3Frame({.fscod = 3, .numblkscod = 3}), 10), true,
+       "Parsing of (E-)AC3 headers failed."}};
+  for (const Case& c : cases) {
     LogRecorder log;
-    ReaderRun one = RunReader(frame);
-    EXPECT_FALSE(one.ok);
-    EXPECT_TRUE(log.Has(2, "This track is not clean. Processing aborted."));
-    EXPECT_TRUE(log.Has(2, "Please clean the track with delaycut and then retry sonvex."));
-  }
-  {
-    LogRecorder log;
-    std::vector<uint8_t> truehd = {0x0F, 0x2E, 0x12, 0x34, 0xF8, 0x72, 0x6F, 0xBA};
-    truehd.resize(6000, 0);
-    ReaderRun thd = RunReader(Concat({frame, truehd}));
-    EXPECT_FALSE(thd.ok);
-    EXPECT_TRUE(log.Has(2, "This is a TrueHD/AC3 stream and not an AC3 stream."));
-    EXPECT_FALSE(log.Has(2, "This track is not clean. Processing aborted."));
-  }
-  {
-    LogRecorder log;
-    ReaderRun garbage = RunReader(RandomBytes(50000, 7));
-    EXPECT_FALSE(garbage.ok);
-    EXPECT_TRUE(log.Has(2, "This doesn't seem to be a valid (E-)AC3 stream."));
-  }
-  {
-    LogRecorder log;
-    ReaderRun empty = RunReader({});
-    EXPECT_FALSE(empty.ok);
-    EXPECT_TRUE(log.Has(2, "The stream doesn't seem to contain any valid (E-)AC3 frames."));
-  }
-  {
-    LogRecorder log;  // an E-AC3 frame with a reserved rate code at byte 0
-    Eac3FrameSpec spec;
-    spec.fscod = 3;
-    spec.numblkscod = 3;
-    ReaderRun reserved = RunReader(Repeat(MakeEac3Frame(spec), 10), 4096, true);
-    EXPECT_FALSE(reserved.ok);
-    EXPECT_TRUE(log.Has(2, "Parsing of (E-)AC3 headers failed."));
+    EXPECT_FALSE(RunReader(c.stream, 4096, c.exactStart).ok) << c.message;
+    ASSERT_FALSE(log.lines.empty()) << c.message;
+    EXPECT_EQ(log.lines[0], (std::pair<int, std::string>{2, c.message}));
+    if (&c == &cases[1]) {
+      EXPECT_FALSE(log.Has(2, "This track is not clean. Processing aborted."));
+    }
   }
 }
 
@@ -283,48 +247,15 @@ TEST(Ac3Reader, CutLastFrameIsSkippedWithAWarning) {
 }
 
 TEST(Ac3Reader, Eac3StreamLosesLeadingDependentFrame) {
-  Eac3FrameSpec dep;
-  dep.streamType = 1;
-  dep.acmod = 2;
-  dep.lfe = 0;
-  dep.words = 256;
-  dep.chanmap = 0x0200;
-  auto dependent = MakeEac3Frame(dep);
+  auto dependent = RearPairFrame();
   auto unit = Concat({MakeEac3Frame({}), dependent});
   auto stream = Concat({dependent, Repeat(unit, 12)});
   ReaderRun run = RunReader(stream, 777, true);
   ASSERT_TRUE(run.ok);
   EXPECT_EQ(run.capture->bytes, Repeat(unit, 12));
   for (uint32_t size : run.capture->blocks) EXPECT_EQ(size, unit.size());
-  auto details = run.reader->AudioDetails();
-  EXPECT_EQ(details->ChannelLayout(), "7.1");
-  EXPECT_EQ(details->Channels(), 8u);
-  EXPECT_EQ(details->Description(),
+  EXPECT_EQ(run.reader->AudioDetails()->Description(),
             "E-AC3, 7.1 channels, 0:00:00, 320kbit/s, 48khz, dialnorm: -24dB");
-}
-
-TEST(Ac3Reader, StageContractMessages) {
-  auto frame = MakeAc3Frame({});
-  {
-    LogRecorder log;
-    auto reader = TAc3Reader::Create();
-    reader->AppendUpStream(TCapture::Create());
-    EXPECT_FALSE(reader->Write(0, false, frame.data(), uint32_t(frame.size()), -1, false));
-    EXPECT_TRUE(log.Has(2, "The (E-)AC3 reader didn't receive the format information."));
-  }
-  {
-    LogRecorder log;
-    auto reader = TAc3Reader::Create();
-    reader->AppendUpStream(TCapture::Create());
-    EXPECT_FALSE(reader->InitAudio("dts", 2, 16, 48000, false, 0));
-    EXPECT_TRUE(log.Has(2, "The (E-)AC3 reader received a non-supported data format."));
-  }
-  {
-    LogRecorder log;
-    auto reader = TAc3Reader::Create();
-    EXPECT_FALSE(reader->InitAudio("ac3", 1, 8, 48000, false, 0));
-    EXPECT_TRUE(log.Has(2, "The (E-)AC3 reader upstream property is not set."));
-  }
 }
 
 // Frames of 32 ms pushed one by one with container stamps.
@@ -352,7 +283,7 @@ constexpr int64_t kFrame = 320000;        // 32 ms in ticks
 constexpr int64_t kStart = 1000000000;    // the container's clock does not start at 0
 
 TEST(Ac3Reader, GapIsReportedAndWritten) {
-  ScratchDir dir;
+  TempDir dir;
   std::string gapFile = dir / "out.ac3.gaps";
   LogRecorder log;
   // 200 ms missing after frame 200, 100 ms more after frame 300; 1300 frames = 41.6 s.
@@ -377,7 +308,7 @@ TEST(Ac3Reader, GapIsReportedAndWritten) {
 }
 
 TEST(Ac3Reader, OverlapAndSmallJitter) {
-  ScratchDir dir;
+  TempDir dir;
   std::string gapFile = dir / "out.ac3.gaps";
   LogRecorder log;
   // 100 ms of overlap at frame 100, and 3 ms of jitter everywhere else.
@@ -390,28 +321,23 @@ TEST(Ac3Reader, OverlapAndSmallJitter) {
   EXPECT_EQ(ReadBytes(gapFile).size(), 16u);
 }
 
-TEST(Ac3Reader, GapsInTheLastThirtySecondsAreIgnoredAndOldFileDeleted) {
-  ScratchDir dir;
+// Gaps in the last 30 seconds are not reported and an old gap file goes; gap data given to the
+// reader (a rerun) means no tracking and the file stays.
+TEST(Ac3Reader, LateGapsAndGivenGapData) {
+  TempDir dir;
   std::string gapFile = dir / "out.ac3.gaps";
+  auto stamp = [](int i) { return kStart + i * kFrame + (i >= 200 ? 2000000 : 0); };
   WriteBytes(gapFile, std::vector<uint8_t>(16, 1));
+  StampedRun rerun = RunStamped(1300, stamp, gapFile, std::string(32, '\0'));
+  ASSERT_TRUE(rerun.ok);
+  EXPECT_EQ(ReadBytes(gapFile), std::vector<uint8_t>(16, 1));
+  EXPECT_TRUE(rerun.reader->Gaps().empty());
   LogRecorder log;
   // 1100 frames = 35.2 s; the gap at 6.4 s is 28.8 s before the end.
-  auto stamp = [](int i) { return kStart + i * kFrame + (i >= 200 ? 2000000 : 0); };
   StampedRun run = RunStamped(1100, stamp, gapFile);
   ASSERT_TRUE(run.ok);
-  EXPECT_FALSE(std::filesystem::exists(gapFile));
+  EXPECT_FALSE(fs::exists(gapFile));
   EXPECT_TRUE(log.lines.empty());
-}
-
-TEST(Ac3Reader, GapDataGivenMeansNoTracking) {
-  ScratchDir dir;
-  std::string gapFile = dir / "out.ac3.gaps";
-  WriteBytes(gapFile, std::vector<uint8_t>(16, 1));
-  auto stamp = [](int i) { return kStart + i * kFrame + (i >= 200 ? 2000000 : 0); };
-  StampedRun run = RunStamped(1300, stamp, gapFile, std::string(32, '\0'));
-  ASSERT_TRUE(run.ok);
-  EXPECT_EQ(ReadBytes(gapFile), std::vector<uint8_t>(16, 1));
-  EXPECT_TRUE(run.reader->Gaps().empty());
 }
 
 TEST(Ac3Reader, InitialDelayCountsFramesBeforeTheFirstStamp) {
@@ -420,7 +346,6 @@ TEST(Ac3Reader, InitialDelayCountsFramesBeforeTheFirstStamp) {
   StampedRun run = RunStamped(20, [](int i) { return i < 10 ? int64_t(-1) : kStart + i * kFrame; },
                               "");
   ASSERT_TRUE(run.ok);
-  EXPECT_TRUE(run.reader->HasTimestamps());
   EXPECT_EQ(run.reader->InitialDelay(), -5 * 32);
   StampedRun none = RunStamped(20, [](int) { return int64_t(-1); }, "");
   EXPECT_FALSE(none.reader->HasTimestamps());

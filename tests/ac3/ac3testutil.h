@@ -1,21 +1,18 @@
-// Helpers for the AC3 family tests: a bit writer for synthetic frames, corpus access, a log
-// recorder and running the oracle tools.
+// Helpers of the AC3 family tests: synthetic frames with valid CRCs, a log recorder and running
+// the oracle tools.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "ac3/ac3bitstream.h"
 #include "framework/console.h"
 #include "support/capture.h"
+#include "support/e2e.h"
 
 namespace sonvex::ac3test {
 
@@ -24,29 +21,18 @@ using namespace sonvex::test;
 class BitWriter {
 public:
   void Put(int bits, uint32_t value) {
-    for (int i = bits - 1; i >= 0; i--) {
+    for (int i = bits - 1; i >= 0; i--, used++) {
       if (used % 8 == 0) bytes.push_back(0);
       if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (used % 8));
-      used++;
     }
   }
   std::vector<uint8_t> bytes;
   size_t used = 0;
 };
 
-inline void PutBe16(uint8_t* p, uint16_t v) {
-  p[0] = uint8_t(v >> 8);
-  p[1] = uint8_t(v);
-}
-
-// One AC-3 frame at 48 kHz with valid CRCs; the audio blocks are zero bits.
+// One AC-3 frame (192 kbit/s, 48 kHz by default) with valid CRCs; the audio blocks are zero bits.
 struct Ac3FrameSpec {
-  uint32_t frmsizecod = 20;  // 192 kbit/s
-  uint32_t fscod = 0;
-  uint32_t bsid = 8;
-  uint32_t acmod = 2;
-  uint32_t lfe = 0;
-  uint32_t dialnorm = 27;
+  uint32_t frmsizecod = 20, fscod = 0, bsid = 8, acmod = 2, lfe = 0, dialnorm = 27;
 };
 inline std::vector<uint8_t> MakeAc3Frame(const Ac3FrameSpec& spec) {
   BitWriter w;
@@ -62,15 +48,11 @@ inline std::vector<uint8_t> MakeAc3Frame(const Ac3FrameSpec& spec) {
   if (spec.acmod == 2) w.Put(2, 0);                      // dsurmod
   w.Put(1, spec.lfe);         // lfeon
   w.Put(5, spec.dialnorm);    // dialnorm
-  w.Put(1, 0);                // compre
-  w.Put(1, 0);                // langcode
-  w.Put(1, 0);                // audprodie
+  w.Put(3, 0);                // compre, langcode, audprodie
   if (spec.acmod == 0) w.Put(8, (spec.dialnorm << 3));  // dialnorm2, compr2e, langcod2e, audprodi2e
   w.Put(1, 0);                // copyrightb
   w.Put(1, 1);                // origbs
-  w.Put(1, 0);                // timecod1e
-  w.Put(1, 0);                // timecod2e
-  w.Put(1, 0);                // addbsie
+  w.Put(3, 0);                // timecod1e, timecod2e, addbsie
   static constexpr uint32_t kKbps[] = {32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
                                        192, 224, 256, 320, 384, 448, 512, 576, 640};
   static constexpr uint32_t kRates[] = {48000, 44100, 32000};
@@ -87,16 +69,11 @@ inline std::vector<uint8_t> MakeAc3Frame(const Ac3FrameSpec& spec) {
   return frame;
 }
 
-// One E-AC-3 frame with a valid CRC; `chanmap` is written for dependent frames when not 0.
+// One E-AC-3 frame with a valid CRC (5.1, 768 bytes by default); `chanmap` is written for
+// dependent frames when not 0.
 struct Eac3FrameSpec {
-  uint32_t streamType = 0;
-  uint32_t substreamId = 0;
-  uint32_t words = 384;  // frame size in 16-bit words
-  uint32_t fscod = 0;
-  uint32_t numblkscod = 3;
-  uint32_t acmod = 7;
-  uint32_t lfe = 1;
-  uint32_t dialnorm = 24;
+  uint32_t streamType = 0, substreamId = 0, words = 384, fscod = 0, numblkscod = 3, acmod = 7,
+           lfe = 1, dialnorm = 24;
   bool compre = false;
   uint32_t chanmap = 0;
 };
@@ -126,6 +103,11 @@ inline std::vector<uint8_t> MakeEac3Frame(const Eac3FrameSpec& spec) {
   frame[size - 1] = uint8_t(crc >> 8);
   return frame;
 }
+// A dependent stereo frame of 512 bytes carrying the Lrs/Rrs pair.
+inline std::vector<uint8_t> RearPairFrame(bool compre = false) {
+  return MakeEac3Frame({.streamType = 1, .words = 256, .acmod = 2, .lfe = 0, .compre = compre,
+                        .chanmap = 0x0200});
+}
 
 inline std::vector<uint8_t> Concat(std::initializer_list<std::vector<uint8_t>> parts) {
   std::vector<uint8_t> out;
@@ -138,18 +120,17 @@ inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& part, int n) {
   return out;
 }
 
+// The corpus folder as text; the chain tests of tests/run use these too.
 inline std::string CorpusDir() { return SONVEX_CORPUS; }
-inline bool HaveCorpus() { return std::filesystem::is_directory(CorpusDir()); }
-#define SKIP_WITHOUT_AC3_CORPUS() \
-  if (!::sonvex::ac3test::HaveCorpus()) GTEST_SKIP() << "corpus folder absent"
+#define SKIP_WITHOUT_AC3_CORPUS() SKIP_WITHOUT_CORPUS()
 
 inline std::vector<uint8_t> ReadBytes(const std::string& name) {
   std::ifstream in(name, std::ios::binary);
   return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 inline void WriteBytes(const std::string& name, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(name, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+  std::ofstream(name, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 // Runs a shell command; returns its exit code and fills `output` with its standard output.
@@ -158,31 +139,11 @@ inline int RunCommand(const std::string& command, std::string* output = nullptr)
   if (!pipe) return -1;
   char buffer[4096];
   std::string text;
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
   int status = pclose(pipe);
   if (output) *output = text;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-inline bool HaveTool(const std::string& tool) {
-  return RunCommand("command -v " + tool + " >/dev/null 2>&1") == 0;
-}
-
-// A scratch folder of the test, removed at the end.
-struct ScratchDir {
-  ScratchDir() {
-    path = std::filesystem::temp_directory_path() /
-           ("sonvex_ac3_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    std::filesystem::create_directories(path);
-  }
-  ~ScratchDir() {
-    std::error_code e;
-    std::filesystem::remove_all(path, e);
-  }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-  std::filesystem::path path;
-  static inline int counter = 0;
-};
 
 // Records the lines the stages log while it lives.
 struct LogRecorder {
@@ -191,14 +152,10 @@ struct LogRecorder {
   }
   ~LogRecorder() { SetLogHook(nullptr); }
   bool Has(int level, const std::string& text) const {
-    for (const auto& line : lines)
-      if (line.first == level && line.second == text) return true;
-    return false;
+    return std::find(lines.begin(), lines.end(), std::pair{level, text}) != lines.end();
   }
   size_t Count(const std::string& text) const {
-    size_t n = 0;
-    for (const auto& line : lines) n += line.second == text;
-    return n;
+    return size_t(std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.second == text; }));
   }
   std::vector<std::pair<int, std::string>> lines;
 };

@@ -1,41 +1,33 @@
-// Helpers of the codec tests: files in and out, and ffmpeg as the oracle of decodes.
+// Helpers of the codec tests: files in and out, ffmpeg as the oracle of decodes, and a file in
+// memory at the end of a test chain (Write puts bytes at the current position, Seek moves it), so
+// stages that patch headers can be tested without a real destination.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "framework/smallstages.h"
+#include "framework/console.h"
 #include "support/capture.h"
+#include "support/e2e.h"
 
-namespace sonvex::test {}
 namespace sonvex::codecstest {
 using namespace ::sonvex::test;
 
-inline std::string CorpusPath(const std::string& relative) {
-  return std::string(SONVEX_CORPUS) + "/" + relative;
-}
-
-inline bool HaveCorpus() { return std::filesystem::is_directory(SONVEX_CORPUS); }
+inline std::string CorpusPath(const std::string& relative) { return CorpusDir() / relative; }
 
 inline std::vector<uint8_t> ReadFile(const std::string& name) {
-  std::ifstream file(name, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(file), {});
+  std::string text = ::sonvex::test::ReadFile(fs::path(name));
+  return std::vector<uint8_t>(text.begin(), text.end());
 }
 
 inline void WriteFile(const std::string& name, const std::vector<uint8_t>& data) {
-  std::ofstream file(name, std::ios::binary);
-  file.write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
-}
-
-inline std::string TempName(const std::string& leaf) {
-  auto dir = std::filesystem::temp_directory_path() / ("sonvex_pcm_" + std::to_string(getpid()));
-  std::filesystem::create_directories(dir);
-  return (dir / leaf).string();
+  std::ofstream(name, std::ios::binary)
+      .write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
 }
 
 // Output of a shell command; empty when it failed.
@@ -44,14 +36,9 @@ inline std::vector<uint8_t> RunCommand(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return out;
   uint8_t buffer[65536];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.insert(out.end(), buffer, buffer + n);
+  for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) out.insert(out.end(), buffer, buffer + n);
   if (pclose(pipe) != 0) out.clear();
   return out;
-}
-
-inline bool HaveTool(const std::string& tool) {
-  return std::system(("command -v " + tool + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 // ffmpeg's decode as raw little-endian PCM ("s16le", "s24le").
@@ -83,6 +70,44 @@ inline ::testing::AssertionResult SamplesMatch(const std::vector<uint8_t>& ours,
   }
   return ::testing::AssertionSuccess();
 }
+
+class TMemoryFile : public TUpStream, public ISeekableUpStream {
+public:
+  static std::shared_ptr<TMemoryFile> Create() { return std::make_shared<TMemoryFile>(); }
+  bool Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t, bool) override {
+    if (bytes.size() < size_t(position) + size) bytes.resize(size_t(position) + size);
+    std::copy(data, data + size, bytes.begin() + position);
+    position += size;
+    return true;
+  }
+  bool InitAudio(const std::string& format, uint32_t, uint32_t, uint32_t, bool, int64_t) override {
+    formats.push_back(format);
+    return true;
+  }
+  bool Finish() override {
+    finished++;
+    return true;
+  }
+  int64_t Position() override { return position; }
+  void Seek(int64_t to) override { position = to; }
+  int64_t Size() override { return int64_t(bytes.size()); }
+
+  std::vector<uint8_t> bytes;
+  std::vector<std::string> formats;
+  int64_t position = 0;
+  int finished = 0;
+};
+
+// Collects the lines logged at `minLevel` or above while it lives.
+struct LogLines {
+  std::vector<std::string> lines;
+  explicit LogLines(int minLevel = 0) {
+    SetLogHook([this, minLevel](int level, const std::string& text) {
+      if (level >= minLevel) lines.push_back(text);
+    });
+  }
+  ~LogLines() { SetLogHook(nullptr); }
+};
 
 // Pushes a whole file through `head` in pieces of `piece` bytes, then Finish.
 inline bool PushFile(IUpStream& head, const std::vector<uint8_t>& data, size_t piece,

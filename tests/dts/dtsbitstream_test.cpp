@@ -3,16 +3,12 @@
 
 #include "dts/dtstestutil.h"
 
-namespace sonvex {
+namespace sonvex::dtstest {
 namespace {
 
-using dtstest::CoreFields;
-using dtstest::CoreFrame;
-using dtstest::Substream;
-
-constexpr uint8_t kXll[4] = {0x41, 0xA2, 0x95, 0x47};
-constexpr uint8_t kXbr[4] = {0x65, 0x5E, 0x31, 0x5E};
-constexpr uint8_t kXsa[4] = {0x0A, 0x80, 0x19, 0x21};
+TDtsFrameInfo Parse(const std::vector<uint8_t>& frame, bool first = true) {
+  return ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, first);
+}
 
 std::vector<uint8_t> WithNext(std::vector<uint8_t> frame) {
   frame.insert(frame.end(), {0x7F, 0xFE, 0x80, 0x01});
@@ -20,11 +16,7 @@ std::vector<uint8_t> WithNext(std::vector<uint8_t> frame) {
 }
 
 TEST(DtsCoreHeader, FiveOneFields) {
-  CoreFields f;
-  f.dialnorm = 4;
-  f.version = 6;  // version 6 adds 16 dB
-  auto frame = CoreFrame(f);
-  TDtsFrameInfo info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
+  TDtsFrameInfo info = Parse(CoreFrame({.version = 6, .dialnorm = 4}));
   ASSERT_EQ(info.result, 0);
   EXPECT_EQ(info.coreSize, 1006u);
   EXPECT_EQ(info.channels, 6u);
@@ -34,98 +26,54 @@ TEST(DtsCoreHeader, FiveOneFields) {
   EXPECT_EQ(info.bitrate, 768000u);
   EXPECT_EQ(info.bits, 16u);
   EXPECT_EQ(info.samplesPerFrame, 512u);
-  EXPECT_EQ(info.dialnorm, 20);
+  EXPECT_EQ(info.dialnorm, 20);  // version 6 adds 16 dB
   EXPECT_EQ(info.formatName, "DTS");
   EXPECT_FALSE(info.hasExtension);
 }
 
 TEST(DtsCoreHeader, ArrangementsRatesResolutions) {
-  // Stereo without LFE still gets ".0" and the LFE mask bit.
-  CoreFields stereo;
-  stereo.amode = 2;
-  stereo.lfe = 0;
-  auto frame = CoreFrame(stereo);
-  TDtsFrameInfo info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
-  EXPECT_EQ(info.channelText, "2.0");
-  EXPECT_EQ(info.channelMask, 0xBu);
-  EXPECT_EQ(info.channels, 2u);
-  // "3/1" without LFE keeps its text; with LFE it becomes "3/1.1" of 5 channels.
-  CoreFields threeOne;
-  threeOne.amode = 7;
-  threeOne.lfe = 0;
-  frame = CoreFrame(threeOne);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).channelText, "3/1");
-  threeOne.lfe = 2;
-  frame = CoreFrame(threeOne);
-  info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
-  EXPECT_EQ(info.channelText, "3/1.1");
-  EXPECT_EQ(info.channels, 5u);
-  EXPECT_EQ(info.channelMask, 0x10Fu);
-
-  const std::pair<uint32_t, uint32_t> rates[] = {{1, 8000},   {2, 16000},  {3, 32000},
-                                                 {6, 11025},  {7, 22050},  {8, 44100},
-                                                 {11, 12000}, {12, 24000}, {13, 48000}};
-  for (auto [code, rate] : rates) {
-    CoreFields f;
-    f.sfreq = code;
-    frame = CoreFrame(f);
-    EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).sampleRate, rate);
+  struct Layout {
+    uint32_t amode, lfe;
+    const char* text;
+    uint32_t channels, mask;
+  };
+  // Stereo without LFE still gets ".0" and the LFE mask bit; "3/1" gets ".1" only with LFE.
+  for (Layout l : {Layout{2, 0, "2.0", 2, 0xB}, Layout{7, 0, "3/1", 4, 0x107},
+                   Layout{7, 2, "3/1.1", 5, 0x10F}}) {
+    TDtsFrameInfo info = Parse(CoreFrame({.amode = l.amode, .lfe = l.lfe}));
+    EXPECT_EQ(info.channelText, l.text);
+    EXPECT_EQ(info.channels, l.channels) << l.text;
+    if (l.lfe || l.amode == 2) {
+      EXPECT_EQ(info.channelMask, l.mask) << l.text;
+    }
   }
-  for (uint32_t code : {0u, 4u, 5u, 9u, 10u, 14u, 15u}) {
-    CoreFields f;
-    f.sfreq = code;
-    frame = CoreFrame(f);
-    EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 1) << code;
-  }
-  const std::pair<uint32_t, uint32_t> depths[] = {{0, 16}, {1, 16}, {2, 20}, {3, 20}, {5, 24}, {6, 24}};
-  for (auto [resolution, bits] : depths) {
-    CoreFields f;
-    f.resolution = resolution;
-    frame = CoreFrame(f);
-    info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
+  for (auto [code, rate] : {std::pair{1u, 8000u}, {6u, 11025u}, {8u, 44100u}, {11u, 12000u}})
+    EXPECT_EQ(Parse(CoreFrame({.sfreq = code})).sampleRate, rate);
+  for (uint32_t code : {0u, 4u, 5u, 9u, 10u, 14u, 15u})
+    EXPECT_EQ(Parse(CoreFrame({.sfreq = code})).result, 1) << code;
+  for (auto [resolution, bits] : {std::pair{1u, 16u}, {2u, 20u}, {3u, 20u}, {5u, 24u}, {6u, 24u}}) {
+    TDtsFrameInfo info = Parse(CoreFrame({.resolution = resolution}));
     EXPECT_EQ(info.bits, bits);
     EXPECT_EQ(info.formatName, resolution & 1 ? "DTS-ES" : "DTS");
   }
-  for (uint32_t resolution : {4u, 7u}) {
-    CoreFields f;
-    f.resolution = resolution;
-    frame = CoreFrame(f);
-    EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 1);
-  }
-  // An LFE code of 3 is refused.
-  CoreFields badLfe;
-  badLfe.lfe = 3;
-  frame = CoreFrame(badLfe);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 1);
+  EXPECT_EQ(Parse(CoreFrame({.resolution = 4})).result, 1);
+  EXPECT_EQ(Parse(CoreFrame({.resolution = 7})).result, 1);
+  EXPECT_EQ(Parse(CoreFrame({.lfe = 3})).result, 1);
 }
 
-TEST(DtsCoreHeader, SizeLimitsAndOpenRate) {
-  CoreFields f;
-  f.coreSize = 95;
-  auto frame = CoreFrame(f);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 0);
-  f.coreSize = 94;
-  frame = CoreFrame(f);
+TEST(DtsCoreHeader, SizeLimitsOpenRateAndCrc) {
+  EXPECT_EQ(Parse(CoreFrame({.coreSize = 95})).result, 0);
+  auto frame = CoreFrame({.coreSize = 94});
   frame.resize(100, 0x55);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 1);
+  EXPECT_EQ(Parse(frame).result, 1);
   // A frame larger than the data at hand is no frame.
-  f.coreSize = 1006;
-  frame = CoreFrame(f);
+  frame = CoreFrame({});
   EXPECT_EQ(ParseDtsFrame(frame.data(), 1005, false, true).result, 1);
   // The open rate is computed from the frame size: 1006 x 8000 / (512 x 1000 / 48000 = 10 ms).
-  f.rate = 29;
-  frame = CoreFrame(f);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).bitrate, 804800u);
-  f.rate = 30;
-  frame = CoreFrame(f);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).bitrate, 0u);
+  EXPECT_EQ(Parse(CoreFrame({.rate = 29})).bitrate, 804800u);
+  EXPECT_EQ(Parse(CoreFrame({.rate = 30})).bitrate, 0u);
   // A header CRC moves the fields behind it two bytes on.
-  CoreFields crc;
-  crc.crc = true;
-  crc.dialnorm = 9;
-  crc.resolution = 5;
-  frame = CoreFrame(crc);
-  TDtsFrameInfo info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
+  TDtsFrameInfo info = Parse(CoreFrame({.crc = true, .resolution = 5, .dialnorm = 9}));
   EXPECT_TRUE(info.hasCrc);
   EXPECT_EQ(info.dialnorm, 9);
   EXPECT_EQ(info.bits, 24u);
@@ -133,9 +81,6 @@ TEST(DtsCoreHeader, SizeLimitsAndOpenRate) {
 }
 
 TEST(DtsCoreHeader, ExtensionAudio) {
-  CoreFields f;
-  f.extAudio = true;
-  f.resolution = 1;
   const std::tuple<uint32_t, uint32_t, uint32_t, const char*> cases[] = {
       {0, 7, 48000, "DTS-ES"},
       {2, 6, 96000, "DTS-ES-96/24"},
@@ -143,9 +88,7 @@ TEST(DtsCoreHeader, ExtensionAudio) {
       {6, 7, 48000, "DTS-ES"},
       {5, 6, 48000, "DTS-ES with unknown extension (5)"}};
   for (auto [id, channels, rate, name] : cases) {
-    f.extId = id;
-    auto frame = CoreFrame(f);
-    TDtsFrameInfo info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
+    TDtsFrameInfo info = Parse(CoreFrame({.extId = id, .extAudio = true, .resolution = 1}));
     EXPECT_EQ(info.channels, channels) << id;
     EXPECT_EQ(info.sampleRate, rate) << id;
     EXPECT_EQ(info.formatName, name) << id;
@@ -157,33 +100,20 @@ TEST(DtsCoreHeader, ExtensionAudio) {
 
 // XCh data whose ten-bit size field counts to the frame's end is the outdated layout.
 TEST(DtsCoreHeader, OutdatedXchLayout) {
-  CoreFields f;
-  f.extAudio = true;
-  f.resolution = 1;
-  for (int extra : {0, 1}) {
-    auto frame = CoreFrame(f);
-    const uint32_t offset = 0x200;
-    const uint32_t n = 1006 - offset - extra;
-    frame[offset] = frame[offset + 1] = frame[offset + 2] = frame[offset + 3] = 0x5A;
-    frame[offset + 4] = uint8_t(n >> 2);
-    frame[offset + 5] = uint8_t((n & 3) << 6);
-    EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).outdatedEs,
-              extra == 0);
-    // Later frames skip the search.
-    EXPECT_FALSE(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, false).outdatedEs);
+  for (uint32_t extra : {0u, 1u}) {
+    auto frame = EsFrame(0x200, 1006 - 0x200 - extra);
+    EXPECT_EQ(Parse(frame).outdatedEs, extra == 0);
+    EXPECT_FALSE(Parse(frame, false).outdatedEs);  // later frames skip the search
   }
 }
 
 TEST(DtsExtension, MasterAudioAndHiRes) {
-  CoreFields f;
-  f.resolution = 6;
-  auto core = CoreFrame(f);
+  auto core = CoreFrame({.resolution = 6});
   for (bool master : {true, false}) {
     auto frame = core;
     auto sub = Substream(master ? kXll : kXbr, 500, 24, 14, 8);  // 192 kHz, 8 channels
     frame.insert(frame.end(), sub.begin(), sub.end());
-    frame = WithNext(frame);
-    TDtsFrameInfo info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
+    TDtsFrameInfo info = Parse(WithNext(frame));
     ASSERT_EQ(info.result, 0);
     EXPECT_TRUE(info.hasExtension);
     EXPECT_EQ(info.isMaster, master);
@@ -202,7 +132,7 @@ TEST(DtsExtension, MasterAudioAndHiRes) {
   auto second = Substream(kXsa, 60, 16, 12, 2);
   frame.insert(frame.end(), first.begin(), first.end());
   frame.insert(frame.end(), second.begin(), second.end());
-  TDtsFrameInfo info = ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true);
+  TDtsFrameInfo info = Parse(frame);
   EXPECT_EQ(info.result, 0);
   EXPECT_EQ(info.extensionSize, 124u + 84u);
   TDtsSubstreamInfo xsa = ParseExtensionSubstream(second.data(), uint32_t(second.size()), false);
@@ -210,45 +140,36 @@ TEST(DtsExtension, MasterAudioAndHiRes) {
   EXPECT_FALSE(xsa.isMaster);
 }
 
-TEST(DtsExtension, CutOffAndInconsistent) {
-  auto core = CoreFrame(CoreFields{});
+TEST(DtsExtension, CutOffInconsistentAndPadding) {
+  auto core = CoreFrame({});
   auto sub = Substream(kXll, 500);
   // Cut off: the substream's size runs past the data.
   auto frame = core;
   frame.insert(frame.end(), sub.begin(), sub.end() - 10);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 2);
+  EXPECT_EQ(Parse(frame).result, 2);
   // Not followed by a core frame.
   frame = core;
   frame.insert(frame.end(), sub.begin(), sub.end());
   frame.insert(frame.end(), {1, 2, 3, 4, 5});
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 2);
+  EXPECT_EQ(Parse(frame).result, 2);
   // Asset sizes that don't add up to the substream's size.
   auto bad = Substream(kXll, 500, 24, 12, 6, -4);
   EXPECT_EQ(ParseExtensionSubstream(bad.data(), uint32_t(bad.size()), false).result, 3);
-  frame = core;
-  frame.insert(frame.end(), bad.begin(), bad.end() - 4);
-  frame = WithNext(frame);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).result, 3);
+  EXPECT_EQ(Parse(WithNext(HdFrame(kXll, 500, -4))).result, 3);
   // Not a substream at all, and a header shorter than its size fields.
   EXPECT_EQ(ParseExtensionSubstream(core.data(), uint32_t(core.size()), false).result, 1);
   EXPECT_EQ(ParseExtensionSubstream(sub.data(), 6, false).result, 2);
-}
-
-TEST(DtsExtension, PaddingIsCounted) {
-  auto frame = CoreFrame(CoreFields{});
+  // Zero bytes between frames are counted as padding.
+  frame = core;
   frame.insert(frame.end(), 7, 0);
-  frame = WithNext(frame);
-  EXPECT_EQ(ParseDtsFrame(frame.data(), uint32_t(frame.size()), false, true).padding, 7u);
+  EXPECT_EQ(Parse(WithNext(frame)).padding, 7u);
 }
 
 TEST(DtsDump, CoreAndSubstreamLines) {
-  std::vector<std::pair<int, std::string>> lines;
+  LogLines lines;
   {
-    dtstest::LogCollector collect(lines);
-    CoreFields f;
-    f.crc = true;
-    f.dialnorm = 3;
-    auto frame = CoreFrame(f);
+    LogCollector collect(lines);
+    auto frame = CoreFrame({.crc = true, .dialnorm = 3});
     auto sub = Substream(kXll, 200);
     frame.insert(frame.end(), sub.begin(), sub.end());
     ParseDtsFrame(frame.data(), uint32_t(frame.size()), true, true);
@@ -285,4 +206,4 @@ TEST(DtsDump, CoreAndSubstreamLines) {
 }
 
 }  // namespace
-}  // namespace sonvex
+}  // namespace sonvex::dtstest

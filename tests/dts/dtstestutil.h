@@ -1,14 +1,13 @@
-// Helpers of the DTS tests: a bit writer for synthetic frames, corpus access and a run of
-// TDtsReader over a byte string.
+// Helpers of the DTS tests: a bit writer for synthetic frames, a log collector, a run of
+// TDtsReader over a byte string and ffprobe's facts.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,24 +15,20 @@
 #include "framework/console.h"
 #include "support/battery.h"
 #include "support/capture.h"
+#include "support/e2e.h"
 
 namespace sonvex::dtstest {
 
-using test::RunParserBattery;
-using test::TCapture;
+using namespace sonvex::test;
+using LogLines = std::vector<std::pair<int, std::string>>;
 
 class BitWriter {
 public:
   void Put(int bits, uint64_t value) {
-    for (int i = bits - 1; i >= 0; i--) {
+    for (int i = bits - 1; i >= 0; i--, count++) {
       if (count % 8 == 0) bytes.push_back(0);
       if (value >> i & 1) bytes.back() |= uint8_t(0x80 >> (count % 8));
-      count++;
     }
-  }
-  void PadTo(size_t size) {
-    while (bytes.size() < size) bytes.push_back(0);
-    count = bytes.size() * 8;
   }
   std::vector<uint8_t> bytes;
   size_t count = 0;
@@ -67,11 +62,7 @@ inline std::vector<uint8_t> CoreFrame(const CoreFields& f) {
   w.Put(6, f.amode);              // AMODE
   w.Put(4, f.sfreq);              // SFREQ
   w.Put(5, f.rate);               // RATE
-  w.Put(1, 0);                    // fixed bit
-  w.Put(1, 0);                    // dynamic range
-  w.Put(1, 0);                    // time stamp
-  w.Put(1, 0);                    // auxiliary data
-  w.Put(1, 0);                    // HDCD
+  w.Put(5, 0);                    // fixed bit, dynamic range, time stamp, auxiliary data, HDCD
   w.Put(3, f.extId);              // extension audio id
   w.Put(1, f.extAudio);           // extension audio present
   w.Put(1, 0);                    // audio sync word insertion
@@ -82,13 +73,26 @@ inline std::vector<uint8_t> CoreFrame(const CoreFields& f) {
   w.Put(4, f.version);            // encoder software version
   w.Put(2, 0);                    // copy history
   w.Put(3, f.resolution);         // source PCM resolution
-  w.Put(1, 0);                    // front sum/difference
-  w.Put(1, 0);                    // surround sum/difference
+  w.Put(2, 0);                    // front and surround sum/difference
   w.Put(4, f.dialnorm);           // dialog normalisation
   std::vector<uint8_t> frame = w.bytes;
   frame.resize(f.coreSize, f.fillByte);
   return frame;
 }
+
+// A DTS-ES frame with XCh data at `offset` whose ten-bit size field is `n`; the outdated layout
+// counts to the frame's end (n = 1006 - offset).
+inline std::vector<uint8_t> EsFrame(uint32_t offset, uint32_t n) {
+  auto frame = CoreFrame({.extAudio = true, .resolution = 1});
+  frame[offset] = frame[offset + 1] = frame[offset + 2] = frame[offset + 3] = 0x5A;
+  frame[offset + 4] = uint8_t(n >> 2);
+  frame[offset + 5] = uint8_t((n & 3) << 6 | 0x15);
+  return frame;
+}
+
+inline constexpr uint8_t kXll[4] = {0x41, 0xA2, 0x95, 0x47};
+inline constexpr uint8_t kXbr[4] = {0x65, 0x5E, 0x31, 0x5E};
+inline constexpr uint8_t kXsa[4] = {0x0A, 0x80, 0x19, 0x21};
 
 // A DTS-HD extension substream of one asset with the given type word (as bytes) and size.
 inline std::vector<uint8_t> Substream(const uint8_t (&type)[4], uint32_t assetSize,
@@ -115,18 +119,24 @@ inline std::vector<uint8_t> Substream(const uint8_t (&type)[4], uint32_t assetSi
   size_t descriptor = w.count;
   w.Put(9, 6 - 1);                // asset descriptor size - 1 (bytes)
   w.Put(3, 0);                    // asset index
-  w.Put(1, 0);                    // no content type
-  w.Put(1, 0);                    // no language
-  w.Put(1, 0);                    // no info text
+  w.Put(3, 0);                    // no content type, language, info text
   w.Put(5, bits - 1);             // bit resolution - 1
   w.Put(4, rateCode);             // maximum sample rate code
   w.Put(8, channels - 1);         // total channels - 1
   while (w.count < descriptor + 6 * 8) w.Put(1, 0);  // rest of the descriptor
-  w.PadTo(headerSize);
   std::vector<uint8_t> sub = w.bytes;
+  sub.resize(headerSize, 0);
   sub.insert(sub.end(), type, type + 4);
   sub.resize(headerSize + assetSize, 0x33);
   return sub;
+}
+
+// A default core frame with one extension substream behind it.
+inline std::vector<uint8_t> HdFrame(const uint8_t (&type)[4], uint32_t assetSize, int sizeError = 0) {
+  auto frame = CoreFrame({});
+  auto sub = Substream(type, assetSize, 24, 12, 6, sizeError);
+  frame.insert(frame.end(), sub.begin(), sub.end() + (sizeError < 0 ? sizeError : 0));
+  return frame;
 }
 
 inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& frame, int count) {
@@ -135,64 +145,45 @@ inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& frame, int count)
   return out;
 }
 
-inline std::string CorpusPath(const std::string& name) {
-  return std::string(SONVEX_CORPUS) + "/" + name;
+inline std::vector<uint8_t> ReadBytes(const fs::path& path) {
+  std::string text = ReadFile(path);
+  return std::vector<uint8_t>(text.begin(), text.end());
 }
-
-inline bool ReadFile(const std::string& path, std::vector<uint8_t>& bytes) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  bytes.assign(std::istreambuf_iterator<char>(in), {});
-  return true;
-}
-
-inline bool HaveTool(const char* name) {
-  std::string command = std::string("command -v ") + name + " >/dev/null 2>&1";
-  return std::system(command.c_str()) == 0;
-}
-
-struct ReaderRun {
-  bool ok = false;
-  std::shared_ptr<TDtsReader> reader;
-  std::shared_ptr<TCapture> capture;
-  std::vector<std::pair<int, std::string>> log;
-  bool Logged(int level, const std::string& text) const {
-    for (auto& line : log)
-      if (line.first == level && line.second == text) return true;
-    return false;
-  }
-};
 
 // Collects the console lines for the lifetime of the object.
 class LogCollector {
 public:
-  explicit LogCollector(std::vector<std::pair<int, std::string>>& lines) {
+  explicit LogCollector(LogLines& lines) {
     SetLogHook([&lines](int level, const std::string& text) { lines.push_back({level, text}); });
   }
   ~LogCollector() { SetLogHook(nullptr); }
 };
 
-// Pushes `stream` through a fresh reader in pieces of `piece` bytes and finishes it.
+struct ReaderRun {
+  bool ok = false;
+  std::shared_ptr<TDtsReader> reader;
+  std::shared_ptr<TCapture> capture = TCapture::Create();
+  LogLines log;
+  bool Logged(int level, const std::string& text) const {
+    return std::find(log.begin(), log.end(), std::pair{level, text}) != log.end();
+  }
+};
+
+// Pushes `stream` through `reader` in pieces of `piece` bytes and finishes it.
 inline ReaderRun RunReader(const std::vector<uint8_t>& stream,
                            std::shared_ptr<TDtsReader> reader = TDtsReader::Create(),
                            size_t piece = 65536) {
   ReaderRun run;
   LogCollector collect(run.log);
   run.reader = reader;
-  run.capture = TCapture::Create();
   reader->AppendUpStream(run.capture);
   bool ok = reader->InitAudio("?", 1, 8, 48000, false, int64_t(stream.size()));
   for (size_t at = 0; ok && at < stream.size(); at += piece)
     ok = reader->Write(0, false, stream.data() + at,
                        uint32_t(std::min(piece, stream.size() - at)), -1, false);
-  if (ok) ok = reader->Finish();
-  run.ok = ok;
+  run.ok = ok && reader->Finish();
   return run;
 }
-
-}  // namespace sonvex::dtstest
-
-namespace sonvex::dtstest {
 
 // Runs a command and returns what it printed on standard output.
 inline std::string Capture(const std::string& command) {
@@ -200,8 +191,7 @@ inline std::string Capture(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return out;
   char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;) out.append(chunk, n);
   pclose(pipe);
   return out;
 }
@@ -209,19 +199,13 @@ inline std::string Capture(const std::string& command) {
 // ffprobe's facts of the first audio stream as key -> value.
 inline std::map<std::string, std::string> ProbeFacts(const std::string& path) {
   std::map<std::string, std::string> facts;
-  std::string text = Capture(
+  std::istringstream lines(Capture(
       "ffprobe -v error -f dts -select_streams a:0 -show_entries "
       "stream=profile,channels,sample_rate,bit_rate,bits_per_raw_sample -of default=nw=1 '" +
-      path + "'");
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(at, end - at);
-    size_t eq = line.find('=');
-    if (eq != std::string::npos) facts[line.substr(0, eq)] = line.substr(eq + 1);
-    at = end + 1;
-  }
+      path + "'"));
+  for (std::string line; std::getline(lines, line);)
+    if (size_t eq = line.find('='); eq != std::string::npos)
+      facts[line.substr(0, eq)] = line.substr(eq + 1);
   return facts;
 }
 

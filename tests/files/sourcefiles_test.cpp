@@ -5,19 +5,14 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "files/filetest_support.h"
 #include "files/sourceprobe.h"
-#include "files/streamwriter.h"
 #include "support/capture.h"
 
-namespace sonvex {
+namespace sonvex::filestest {
 namespace {
-
-using namespace test;
-using namespace filestest;
 
 // Records how many bytes had arrived when each seam was announced.
 class TSeamCapture : public TCapture {
@@ -44,7 +39,7 @@ TRun RunSource(const std::vector<std::string>& names, int64_t limit = 0) {
 }
 
 TEST(SourceFiles, JoinedFilesReadAsTheirConcatenationInWholeBlocks) {
-  TScratchDir dir;
+  TempDir dir;
   auto a = Pattern(2 * 16384 + 1000, 1), b = Pattern(30000, 2);
   WriteWhole(dir / "a.bin", a);
   WriteWhole(dir / "b.bin", b);
@@ -57,59 +52,35 @@ TEST(SourceFiles, JoinedFilesReadAsTheirConcatenationInWholeBlocks) {
   EXPECT_EQ(run.capture->blocks, (std::vector<uint32_t>{16384, 16384, 1000, 16384, 13616}));
   EXPECT_EQ(run.capture->positions.front(), 1234);  // handed on as it came
   EXPECT_EQ(run.capture->finished, 1);
-  // Neither container: "?" goes out directly and through the Notify walk, and bare streams begin.
-  EXPECT_EQ(run.capture->containerInits, (std::vector<std::string>{"?", "?"}));
-  ASSERT_EQ(run.capture->audioInits.size(), 1u);
-  EXPECT_EQ(run.capture->audioInits[0].format, "?");
-  EXPECT_EQ(run.capture->audioInits[0].totalSize, int64_t(joined.size()));
-  EXPECT_EQ(run.source->PlayTime(), int64_t(joined.size()));
+  // Neither container: bare streams begin, with the joined length.
+  EXPECT_EQ(run.capture->audioInits.at(0).totalSize, int64_t(joined.size()));
   EXPECT_TRUE(run.capture->seams.empty());
 }
 
-TEST(SourceFiles, LimitCutsInMidBlockAndFinishFollows) {
-  TScratchDir dir;
+// A limit cuts in mid-block; empty files in a join are no read failure.
+TEST(SourceFiles, LimitAndEmptyFiles) {
+  TempDir dir;
   WriteWhole(dir / "a.bin", Pattern(100000, 3));
   TRun run = RunSource({dir / "a.bin"}, 20000);
   ASSERT_TRUE(run.result);
   EXPECT_EQ(run.capture->blocks, (std::vector<uint32_t>{16384, 3616}));
   EXPECT_EQ(run.capture->finished, 1);
-  EXPECT_EQ(run.source->Position(), 20000);
-}
 
-TEST(SourceFiles, EmptyFilesInAJoinAreNoReadFailure) {
-  TScratchDir dir;
-  auto a = Pattern(1000, 4);
-  WriteWhole(dir / "a.bin", a);
-  WriteWhole(dir / "empty1.bin", {});
-  WriteWhole(dir / "empty2.bin", {});
-  TRun run = RunSource({dir / "a.bin", dir / "empty1.bin", dir / "a.bin", dir / "empty2.bin"});
+  WriteWhole(dir / "b.bin", Pattern(1000, 4));
+  WriteWhole(dir / "empty.bin", {});
+  run = RunSource({dir / "b.bin", dir / "empty.bin", dir / "b.bin", dir / "empty.bin"});
   ASSERT_TRUE(run.result);
   EXPECT_EQ(run.capture->blocks, (std::vector<uint32_t>{1000, 1000}));
   EXPECT_EQ(run.capture->finished, 1);
 }
 
-TEST(SourceFiles, ShortFirstFileIsAnUnknownContainer) {
-  TScratchDir dir;
-  WriteWhole(dir / "short.bin", {0, 0, 1, 0xBA, 0x44});
-  auto source = TSourceFiles::Create({dir / "short.bin"}, 24000, 1001, 0);
-  EXPECT_TRUE(source->IsValid());
-  EXPECT_FALSE(source->IsEvo());
-  EXPECT_FALSE(source->IsTs());
-  EXPECT_EQ(source->PlayTime(), 5);
-}
-
 TEST(SourceFiles, FailuresHaveTheirMessages) {
-  TScratchDir dir;
+  TempDir dir;
   TLogRecorder log;
   auto missing = TSourceFiles::Create({dir / "none.ts"}, 24000, 1001, 0);
   EXPECT_FALSE(missing->IsValid());
   EXPECT_TRUE(log.Has(2, "The source file \"" + dir / "none.ts" + "\" could not be opened."));
   EXPECT_FALSE(missing->Write(0, false, nullptr, 0, -1, false));
-
-  WriteWhole(dir / "a.bin", Pattern(100, 5));
-  auto alone = TSourceFiles::Create({dir / "a.bin"}, 24000, 1001, 0);
-  EXPECT_FALSE(alone->Write(0, false, nullptr, 0, -1, false));
-  EXPECT_TRUE(log.Has(2, "The source file upstream property is not set."));
 
   // A refusing upstream stops the reading after the first block.
   WriteWhole(dir / "big.bin", Pattern(100000, 5));
@@ -123,7 +94,7 @@ TEST(SourceFiles, FailuresHaveTheirMessages) {
 }
 
 TEST(SourceFiles, SeekAndReadWalkTheJoinedStream) {
-  TScratchDir dir;
+  TempDir dir;
   auto a = Pattern(5000, 6), b = Pattern(7000, 7);
   WriteWhole(dir / "a.bin", a);
   WriteWhole(dir / "b.bin", b);
@@ -148,14 +119,10 @@ TEST(SourceFiles, SeekAndReadWalkTheJoinedStream) {
   ASSERT_TRUE(source->Read(buffer.data(), size));
   EXPECT_EQ(size, 1000u);
   EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + 1000, b.begin() + 6000));
-  ASSERT_TRUE(source->Seek(5000));
-  size = 10;
-  ASSERT_TRUE(source->Read(buffer.data(), size));
-  EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + 10, b.begin()));
 }
 
 TEST(SourceFiles, FilesOver4GiBAreOrdinaryInput) {
-  TScratchDir dir;
+  TempDir dir;
   // A sparse file of 5 GiB with a mark beyond the 4 GiB line.
   const int64_t size = int64_t(5) << 30, mark = (int64_t(4) << 30) + 100;
   {
@@ -163,7 +130,7 @@ TEST(SourceFiles, FilesOver4GiBAreOrdinaryInput) {
     out.seekp(mark);
     out.write("MARK", 4);
   }
-  std::filesystem::resize_file(dir / "big.bin", uintmax_t(size));
+  fs::resize_file(dir / "big.bin", uintmax_t(size));
   WriteWhole(dir / "tail.bin", Pattern(10, 12));
   auto source = TSourceFiles::Create({dir / "big.bin", dir / "tail.bin"}, 24000, 1001, 0);
   ASSERT_TRUE(source->IsValid());
@@ -220,14 +187,12 @@ std::vector<uint8_t> MakeTs(uint32_t packetSize, int64_t firstPts, int frames) {
 }
 
 TEST(SourceProbe, TransportStreamPlayTimeAndStamps) {
-  TScratchDir dir;
+  TempDir dir;
   for (uint32_t packetSize : {188u, 192u}) {
     SCOPED_TRACE(packetSize);
     WriteWhole(dir / "a.ts", MakeTs(packetSize, 900000, 50));
     auto source = TSourceFiles::Create({dir / "a.ts"}, 24000, 1001, 0);
-    ASSERT_TRUE(source->IsValid());
     EXPECT_TRUE(source->IsTs());
-    EXPECT_FALSE(source->IsEvo());
     // Video stamps win over the earlier audio ones.
     EXPECT_EQ(source->PlayTime(), 49 * 3753);
     EXPECT_EQ(source->FirstStamps(), std::vector<int64_t>{900000});
@@ -236,7 +201,7 @@ TEST(SourceProbe, TransportStreamPlayTimeAndStamps) {
 }
 
 TEST(SourceProbe, JoinedTransportStreamsGetASeamWhereStampsJump) {
-  TScratchDir dir;
+  TempDir dir;
   WriteWhole(dir / "a.ts", MakeTs(192, 900000, 20));
   WriteWhole(dir / "b.ts", MakeTs(192, 900000 + 20 * 3753, 20));  // continues a
   WriteWhole(dir / "c.ts", MakeTs(192, 5000000, 20));
@@ -257,7 +222,7 @@ TEST(SourceProbe, JoinedTransportStreamsGetASeamWhereStampsJump) {
 }
 
 TEST(SourceProbe, DamagedTransportStreamsAreReported) {
-  TScratchDir dir;
+  TempDir dir;
   struct TCase {
     const char* message;
     std::function<void(std::vector<uint8_t>&)> damage;
@@ -299,7 +264,7 @@ TEST(SourceProbe, DamagedTransportStreamsAreReported) {
 }
 
 TEST(SourceProbe, AChangedStreamTypeIsReported) {
-  TScratchDir dir;
+  TempDir dir;
   auto ts = MakeTs(188, 900000, 10);
   // A second PMT calls the audio PID a video stream.
   auto pmt = PmtBody(kVideoPid, {{0x1B, kVideoPid}, {0x1B, kAudioPid}});
@@ -314,7 +279,7 @@ TEST(SourceProbe, AChangedStreamTypeIsReported) {
 }
 
 TEST(SourceProbe, BadPesStartEndsTheTransportStreamView) {
-  TScratchDir dir;
+  TempDir dir;
   auto good = MakeTs(188, 900000, 10);
   auto bad = good;
   // The first video PES (third packet) starts behind the adaptation field.
@@ -352,11 +317,10 @@ std::vector<uint8_t> MakeEvo(int64_t firstPts, int frames, bool withPts = true) 
 }
 
 TEST(SourceProbe, ProgramStreamPlayTimeFromVideoStampsOrTheDsi) {
-  TScratchDir dir;
+  TempDir dir;
   WriteWhole(dir / "a.evo", MakeEvo(180000, 40));
   auto source = TSourceFiles::Create({dir / "a.evo"}, 24000, 1001, 0);
   EXPECT_TRUE(source->IsEvo());
-  EXPECT_FALSE(source->IsTs());
   EXPECT_EQ(source->PlayTime(), 39 * 3753);
   EXPECT_EQ(source->FirstStamps()[0], 180000);
   EXPECT_EQ(source->LastStamps()[0], 180000 + 40 * 3753);
@@ -373,7 +337,7 @@ TEST(SourceProbe, ProgramStreamPlayTimeFromVideoStampsOrTheDsi) {
 }
 
 TEST(SourceProbe, LaterFilesThatArentProgramStreamsTakeThePlayTime) {
-  TScratchDir dir;
+  TempDir dir;
   WriteWhole(dir / "a.evo", MakeEvo(180000, 10));
   auto other = MakeEvo(180000, 10);
   other[0] = 0x0B;  // not a start code
@@ -392,4 +356,4 @@ TEST(SourceProbe, LaterFilesThatArentProgramStreamsTakeThePlayTime) {
 }
 
 }  // namespace
-}  // namespace sonvex
+}  // namespace sonvex::filestest

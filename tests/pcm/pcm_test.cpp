@@ -1,5 +1,6 @@
-// PCM basics (TRawReader, TEndianSwapper, TStripTo16bit) and TBitdepthReducer: rounding, containers,
-// the dither's triangular distribution, the noise cache, and the hash that builds the noise.
+// PCM basics (TRawReader, TEndianSwapper, TStripTo16bit, TChannelModder) and TBitdepthReducer:
+// rounding, containers, the dither's triangular distribution, the noise cache, and the hash that
+// builds the noise.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,16 +10,31 @@
 
 #include "framework/console.h"
 #include "pcm/bitdepthreducer.h"
+#include "pcm/channelmodder.h"
 #include "pcm/endianswapper.h"
 #include "pcm/rawreader.h"
 #include "pcm/ripemd160.h"
 #include "pcm/stripto16bit.h"
 #include "support/capture.h"
 
-namespace sonvex::test {}
 namespace sonvex::pcmtest {
 using namespace ::sonvex::test;
 namespace {
+
+// Collects the logged lines while it lives.
+struct LogLines {
+  std::vector<std::string> lines;
+  LogLines() { SetLogHook([this](int, const std::string& t) { lines.push_back(t); }); }
+  ~LogLines() { SetLogHook(nullptr); }
+};
+
+// `stage` -> a fresh capture; the stage stays silent.
+std::shared_ptr<TCapture> Behind(const UpStreamRef& stage) {
+  auto capture = TCapture::Create();
+  stage->SetUpStream(capture);
+  stage->SetSilent(true);
+  return capture;
+}
 
 std::vector<uint8_t> Pack24(const std::vector<int32_t>& samples) {
   std::vector<uint8_t> out;
@@ -69,9 +85,7 @@ TEST(Ripemd160, KnownDigests) {
 
 TEST(EndianSwapper, SplitSamplesAndEightBit) {
   auto swapper = TEndianSwapper::Create();
-  auto capture = TCapture::Create();
-  swapper->SetUpStream(capture);
-  swapper->SetSilent(true);
+  auto capture = Behind(swapper);
   ASSERT_TRUE(swapper->InitAudio("pcm", 2, 24, 48000, true, 0));
   EXPECT_FALSE(capture->audioInits[0].bigEndian);
   uint8_t bytes[] = {1, 2, 3, 4, 5, 6, 7};
@@ -81,9 +95,7 @@ TEST(EndianSwapper, SplitSamplesAndEightBit) {
   EXPECT_EQ(capture->bytes, (std::vector<uint8_t>{3, 2, 1, 6, 5, 4}));
 
   auto eight = TEndianSwapper::Create();
-  auto out8 = TCapture::Create();
-  eight->SetUpStream(out8);
-  eight->SetSilent(true);
+  auto out8 = Behind(eight);
   ASSERT_TRUE(eight->InitAudio("pcm", 1, 8, 48000, false, 0));
   ASSERT_TRUE(eight->Write(0, false, bytes, 7, -1, false));
   EXPECT_TRUE(out8->audioInits[0].bigEndian);
@@ -92,9 +104,7 @@ TEST(EndianSwapper, SplitSamplesAndEightBit) {
 
 TEST(RawReader, SkipAndSampleCount) {
   auto reader = TRawReader::Create(2, 0, false, 1000, 48000, 16);
-  auto capture = TCapture::Create();
-  reader->SetUpStream(capture);
-  reader->SetSilent(true);
+  auto capture = Behind(reader);
   ASSERT_TRUE(reader->InitAudio("?", 1, 8, 0, false, 4000));
   EXPECT_EQ(capture->audioInits[0].totalSize, 1000);  // leading bytes not subtracted
   std::vector<uint8_t> block(100, 7);
@@ -103,9 +113,7 @@ TEST(RawReader, SkipAndSampleCount) {
   ASSERT_TRUE(reader->Write(0, false, block.data(), 100, -1, false));
   EXPECT_EQ(capture->bytes.size(), 100u);
   auto fixed = TRawReader::Create(2, 12345, false, 0, 48000, 16);
-  auto out = TCapture::Create();
-  fixed->SetUpStream(out);
-  fixed->SetSilent(true);
+  auto out = Behind(fixed);
   ASSERT_TRUE(fixed->InitAudio("?", 1, 8, 0, false, 4000));
   EXPECT_EQ(out->audioInits[0].totalSize, 12345);
 }
@@ -114,46 +122,40 @@ TEST(StripTo16bit, ZeroLowBytesNarrowAndRemainderStays) {
   auto strip = TStripTo16bit::Create();
   auto capture = TCapture::Create();
   strip->SetUpStream(capture);
-  std::vector<std::string> lines;
-  SetLogHook([&](int, const std::string& t) { lines.push_back(t); });
+  LogLines log;
   ASSERT_TRUE(strip->InitAudio("pcm", 2, 24, 48000, false, 0));
   auto data = Pack24({0x123400, -0x100, 0x7FFF00, 0x000100});
   data.push_back(0);  // one byte of a next sample
   ASSERT_TRUE(strip->Write(0, false, data.data(), uint32_t(data.size()), -1, false));
   ASSERT_TRUE(strip->Finish());
-  SetLogHook(nullptr);
   EXPECT_EQ(capture->audioInits[0].bits, 16u);
   EXPECT_EQ(capture->bytes, (std::vector<uint8_t>{0x34, 0x12, 0xFF, 0xFF, 0xFF, 0x7F, 0x01, 0x00}));
   EXPECT_TRUE(strip->Is16bit());
-  EXPECT_EQ(lines, (std::vector<std::string>{"This audio track contains only 16 bit of information.",
-                                             "The zero bytes were successfully removed."}));
+  EXPECT_EQ(log.lines, (std::vector<std::string>{"This audio track contains only 16 bit of information.",
+                                                 "The zero bytes were successfully removed."}));
 }
 
 TEST(StripTo16bit, NonZeroLowByteStopsOutputButNotTheRun) {
   auto strip = TStripTo16bit::Create();
   auto capture = TCapture::Create();
   strip->SetUpStream(capture);
-  std::vector<std::string> lines;
-  SetLogHook([&](int, const std::string& t) { lines.push_back(t); });
+  LogLines log;
   ASSERT_TRUE(strip->InitAudio("pcm", 1, 24, 48000, false, 0));
   auto clean = Pack24({0x100, 0x200});
   auto dirty = Pack24({0x300, 0x401});
   ASSERT_TRUE(strip->Write(0, false, clean.data(), 6, -1, false));
   ASSERT_TRUE(strip->Write(0, false, dirty.data(), 6, -1, false));
   EXPECT_TRUE(strip->Finish());
-  SetLogHook(nullptr);
   EXPECT_FALSE(strip->Is16bit());
   EXPECT_EQ(capture->bytes.size(), 4u);  // the block with the find is not sent
-  EXPECT_EQ(lines.at(0), "This audio track contains more than 16 bit of information.");
+  EXPECT_EQ(log.lines.at(0), "This audio track contains more than 16 bit of information.");
   EXPECT_TRUE(capture->IsSilent());
 }
 
 std::shared_ptr<TCapture> Reduce(uint32_t target, bool dither, uint32_t bits,
                                  const std::vector<uint8_t>& data, size_t piece = 0) {
   auto reducer = TBitdepthReducer::Create(target, dither);
-  auto capture = TCapture::Create();
-  reducer->SetUpStream(capture);
-  reducer->SetSilent(true);
+  auto capture = Behind(reducer);
   EXPECT_TRUE(reducer->InitAudio("pcm", 1, bits, 48000, false, 0));
   if (piece == 0) piece = data.size();
   for (size_t at = 0; at < data.size(); at += piece)
@@ -183,13 +185,9 @@ TEST(BitdepthReducer, RoundingContainersAndPassThrough) {
 }
 
 TEST(BitdepthReducer, RefusesTargetsOutsideEightToTwentyFour) {
-  std::vector<std::string> lines;
-  SetLogHook([&](int, const std::string& t) { lines.push_back(t); });
-  auto reducer = TBitdepthReducer::Create(25, false);
-  SetLogHook(nullptr);
-  EXPECT_FALSE(reducer->IsValid());
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0], "The bitdepth reducer was called with incorrect parameters.");
+  LogLines log;
+  EXPECT_FALSE(TBitdepthReducer::Create(25, false)->IsValid());
+  EXPECT_EQ(log.lines, std::vector<std::string>{"The bitdepth reducer was called with incorrect parameters."});
 }
 
 // -down16 with dither: each sample within 2 LSB of the exact value, and the error (noise plus
@@ -234,19 +232,9 @@ TEST(BitdepthReducer, DitherIsTriangularAndWithinTwoLsb) {
   EXPECT_EQ(std::filesystem::file_size(NoiseFileName()), 0x100000u);
 }
 
-}  // namespace
-}  // namespace sonvex::pcmtest
-
-#include "pcm/channelmodder.h"
-
-namespace sonvex::test {}
-namespace sonvex::pcmtest {
-using namespace ::sonvex::test;
-namespace {
 
 TEST(ChannelModder, TextMapsBlurayAndChecks) {
-  std::vector<std::string> lines;
-  SetLogHook([&](int, const std::string& t) { lines.push_back(t); });
+  LogLines log;
   auto modder = TChannelModder::Create("bluray");
   auto capture = TCapture::Create();
   modder->SetUpStream(capture);
@@ -260,9 +248,8 @@ TEST(ChannelModder, TextMapsBlurayAndChecks) {
   auto wrong = TChannelModder::Create(std::vector<uint32_t>{0, 2});
   wrong->SetUpStream(TCapture::Create());
   EXPECT_FALSE(wrong->InitAudio("pcm", 2, 16, 48000, false, 0));
-  SetLogHook(nullptr);
-  EXPECT_EQ(lines.front(), "Remapping channels...");
-  EXPECT_EQ(lines.back(), "The channel modder was started with incorrect parameters.");
+  EXPECT_EQ(log.lines.front(), "Remapping channels...");
+  EXPECT_EQ(log.lines.back(), "The channel modder was started with incorrect parameters.");
 }
 
 }  // namespace

@@ -3,27 +3,20 @@
 #include "thd/thdbitstream.h"
 #include "thd/thdtestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::thdtest {
 namespace {
 
+// Runs sonvex in `dir`; the output holds both of its streams.
 struct TRun {
   int code;
   std::string output;
 };
-
-TRun Sonvex(const std::string& arguments) {
-  std::string command = std::string("'") + SONVEX_BINARY + "' " + arguments + " 2>&1";
-  TRun run;
-  FILE* pipe = popen(command.c_str(), "r");
-  char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) run.output.append(chunk, n);
-  int status = pclose(pipe);
-  run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+TRun Sonvex(const TempDir& dir, const std::vector<std::string>& args) {
+  RunResult r = RunSonvex(args, dir.path());
+  return {r.exitCode, r.out + r.err};
 }
 
-std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+std::string Quoted(const std::string& path) { return ShellQuote(path); }
 
 std::string DecodeMd5(const std::string& path, const std::string& format) {
   return RunCommand("ffmpeg -v error -i " + Quoted(path) + " -f " + format + " - 2>/dev/null | md5sum");
@@ -31,8 +24,8 @@ std::string DecodeMd5(const std::string& path, const std::string& format) {
 
 TEST(ThdBinary, SplitsTheBlurayTrackAsFfmpegDoes) {
   SKIP_WITHOUT_CORPUS();
-  if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg absent";
-  TScratch scratch;
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  TempDir scratch;
   std::string payload = CorpusPath("public/truehd/dts1_truehd_ac3_interleaved.thdac3");
   std::string m2ts = CorpusPath("public/m2ts/Test_H264_DTS1.m2ts");
   // ffprobe: PID 0x1100 is stream 1 (truehd) and stream 2 (ac3) of this file.
@@ -40,54 +33,54 @@ TEST(ThdBinary, SplitsTheBlurayTrackAsFfmpegDoes) {
              Quoted(scratch / "ffmpeg.thd") + " -map 0:2 -c copy -f ac3 " +
              Quoted(scratch / "ffmpeg.ac3"));
 
-  TRun list = Sonvex(Quoted(payload));
+  TRun list = Sonvex(scratch, {payload});
   EXPECT_EQ(list.code, 0);
   EXPECT_NE(list.output.find("TrueHD/AC3, 7.1 channels, 48khz\n"), std::string::npos)
       << list.output;
 
-  TRun thd = Sonvex(Quoted(payload) + " " + Quoted(scratch / "ours.thd"));
+  TRun thd = Sonvex(scratch, {payload, scratch / "ours.thd"});
   EXPECT_EQ(thd.code, 0) << thd.output;
   EXPECT_NE(thd.output.find("Extracting TrueHD stream..."), std::string::npos);
   EXPECT_TRUE(ReadBytes(scratch / "ours.thd") == ReadBytes(scratch / "ffmpeg.thd"));
 
   // The AC-3 part loses its dialnorm on the way, which the decoder doesn't apply: the samples
   // are those of ffmpeg's copy.
-  TRun ac3 = Sonvex(Quoted(payload) + " " + Quoted(scratch / "ours.ac3"));
+  TRun ac3 = Sonvex(scratch, {payload, scratch / "ours.ac3"});
   EXPECT_EQ(ac3.code, 0) << ac3.output;
   EXPECT_NE(ac3.output.find("Extracting AC3 stream..."), std::string::npos);
-  EXPECT_EQ(std::filesystem::file_size(scratch / "ours.ac3"),
-            std::filesystem::file_size(scratch / "ffmpeg.ac3"));
+  EXPECT_EQ(fs::file_size(scratch / "ours.ac3"),
+            fs::file_size(scratch / "ffmpeg.ac3"));
   EXPECT_EQ(DecodeMd5(scratch / "ours.ac3", "s16le"), DecodeMd5(scratch / "ffmpeg.ac3", "s16le"));
 }
 
 TEST(ThdBinary, DialnormRemovedOrKept) {
   SKIP_WITHOUT_CORPUS();
-  TScratch scratch;
+  TempDir scratch;
   std::string source = CorpusPath("gen/truehd_20_48k.thd");
-  TRun kept = Sonvex(Quoted(source) + " " + Quoted(scratch / "kept.thd") + " -keepDialnorm");
+  TRun kept = Sonvex(scratch, {source, scratch / "kept.thd", "-keepDialnorm"});
   EXPECT_EQ(kept.code, 0) << kept.output;
   EXPECT_TRUE(ReadBytes(scratch / "kept.thd") == ReadBytes(source));
   EXPECT_EQ(kept.output.find("Removing dialog normalization..."), std::string::npos);
 
-  TRun patched = Sonvex(Quoted(source) + " " + Quoted(scratch / "patched.thd"));
+  TRun patched = Sonvex(scratch, {source, scratch / "patched.thd"});
   EXPECT_EQ(patched.code, 0) << patched.output;
   EXPECT_NE(patched.output.find("Removing dialog normalization..."), std::string::npos);
   auto bytes = ReadBytes(scratch / "patched.thd");
-  EXPECT_EQ(bytes.size(), std::filesystem::file_size(source));
+  EXPECT_EQ(bytes.size(), fs::file_size(source));
   EXPECT_FALSE(bytes == ReadBytes(source));
-  if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg absent";
+  SKIP_WITHOUT_TOOL("ffmpeg");
   EXPECT_EQ(DecodeMd5(scratch / "patched.thd", "s32le"), DecodeMd5(source, "s32le"));
-  TRun listed = Sonvex(Quoted(scratch / "patched.thd"));
+  TRun listed = Sonvex(scratch, {scratch / "patched.thd"});
   EXPECT_NE(listed.output.find("TrueHD, 2.0 channels, 48khz\n"), std::string::npos)
       << listed.output;
 }
 
 TEST(ThdBinary, Mp2DelayedByWholeFrames) {
   SKIP_WITHOUT_CORPUS();
-  TScratch scratch;
+  TempDir scratch;
   std::string source = CorpusPath("gen/mp2_20_224k.mp2");
   auto bytes = ReadBytes(source);
-  TRun run = Sonvex(Quoted(source) + " " + Quoted(scratch / "out.mp2") + " -100ms");
+  TRun run = Sonvex(scratch, {source, scratch / "out.mp2", "-100ms"});
   EXPECT_EQ(run.code, 0) << run.output;
   EXPECT_NE(run.output.find("MP2, 2.0 channels, 0:00:06, 224kbit/s, 48khz\n"), std::string::npos);
   EXPECT_NE(run.output.find("Applying MP2 delay..."), std::string::npos);
@@ -98,15 +91,14 @@ TEST(ThdBinary, Mp2DelayedByWholeFrames) {
 
 TEST(ThdBinary, DamagedTrueHdIsReportedAndCopiedAroundTheDamage) {
   SKIP_WITHOUT_CORPUS();
-  TScratch scratch;
+  TempDir scratch;
   auto bytes = ReadBytes(CorpusPath("gen/truehd_20_48k.thd"));
   // Somewhere in the middle, one unit header loses its parity.
   size_t at = 0;
   for (int unit = 0; unit < 3001; unit++) at += ThdUnitSize(bytes.data() + at);
   bytes[at + 2] ^= 0x40;
   WriteBytes(scratch / "damaged.thd", bytes);
-  TRun run = Sonvex(Quoted(scratch / "damaged.thd") + " " + Quoted(scratch / "out.thd") +
-                    " -keepDialnorm");
+  TRun run = Sonvex(scratch, {scratch / "damaged.thd", scratch / "out.thd", "-keepDialnorm"});
   EXPECT_EQ(run.code, 0) << run.output;
   size_t first = run.output.find("This track is not clean.");
   ASSERT_NE(first, std::string::npos) << run.output;
@@ -118,4 +110,4 @@ TEST(ThdBinary, DamagedTrueHdIsReportedAndCopiedAroundTheDamage) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::thdtest

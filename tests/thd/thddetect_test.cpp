@@ -4,7 +4,7 @@
 #include "files/sourcefiles.h"
 #include "thd/thdtestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::thdtest {
 namespace {
 
 std::string DetectedListing(const std::string& path, std::string& tag) {
@@ -45,4 +45,4 @@ TEST(ThdDetection, BareFilesListAsTheirFormat) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::thdtest

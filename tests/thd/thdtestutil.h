@@ -1,36 +1,31 @@
-// Helpers of the TrueHD and MP2 tests: corpus files, a bit writer for synthetic headers, ffmpeg.
+// Helpers of the TrueHD and MP2 tests: corpus files, a bit writer for synthetic headers, a log
+// collector, and pushing a stream through a stage.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "framework/console.h"
 #include "support/capture.h"
+#include "support/e2e.h"
 
-namespace sonvex::test {
+namespace sonvex::thdtest {
 
-inline std::string CorpusPath(const std::string& name) {
-  return std::string(SONVEX_CORPUS) + "/" + name;
-}
+using namespace sonvex::test;
 
-inline bool HaveCorpus() { return std::filesystem::is_directory(SONVEX_CORPUS); }
-
-#define SKIP_WITHOUT_CORPUS() \
-  if (!HaveCorpus()) GTEST_SKIP() << "corpus folder absent"
+inline std::string CorpusPath(const std::string& name) { return CorpusDir() / name; }
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(file), {});
+  std::string text = ReadFile(path);
+  return std::vector<uint8_t>(text.begin(), text.end());
 }
-
 inline void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 // Runs a shell command and returns its standard output.
@@ -39,31 +34,10 @@ inline std::string RunCommand(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return out;
   char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;) out.append(chunk, n);
   pclose(pipe);
   return out;
 }
-
-inline bool HaveFfmpeg() {
-  return RunCommand("ffmpeg -version 2>/dev/null").find("ffmpeg version") != std::string::npos;
-}
-
-// A scratch folder for one test, removed with its content at the end.
-struct TScratch {
-  std::filesystem::path path;
-  TScratch() {
-    path = std::filesystem::temp_directory_path() /
-           ("sonvex_thd_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(path);
-  }
-  ~TScratch() {
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-  }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-};
 
 // Collects the lines logged while it lives.
 struct TLogLines {
@@ -73,9 +47,7 @@ struct TLogLines {
   }
   ~TLogLines() { SetLogHook(nullptr); }
   int Count(const std::string& text) const {
-    int n = 0;
-    for (auto& line : lines) n += line.second == text;
-    return n;
+    return int(std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.second == text; }));
   }
 };
 
@@ -83,14 +55,10 @@ struct TLogLines {
 class BitWriter {
 public:
   void Put(int bits, uint32_t value) {
-    for (int i = bits - 1; i >= 0; i--) {
+    for (int i = bits - 1; i >= 0; i--, fill++) {
       if (fill % 8 == 0) bytes.push_back(0);
       if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (fill % 8));
-      fill++;
     }
-  }
-  void PutBytes(const std::vector<uint8_t>& more) {
-    for (uint8_t b : more) Put(8, b);
   }
   std::vector<uint8_t> bytes;
 
@@ -111,4 +79,4 @@ inline std::shared_ptr<TCapture> Drive(const UpStreamRef& stage, const std::vect
   return capture;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::thdtest
