@@ -75,8 +75,9 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
                                        bool flush) {
   uint32_t declared = Be16(at + 4);
   if (declared == 0) {
-    // Unbounded (video in a TS): it ends where the data given so far ends.
-    if (!flush) return Item::Wait;
+    // Unbounded (video in a TS): it ends where the data given so far ends, at the latest when
+    // the stream itself ends.
+    if (!flush && !flushing) return Item::Wait;
     length = remaining;
   } else {
     length = 6 + declared;

@@ -171,7 +171,11 @@ bool Th264Reader::HandleUnit(const uint8_t* unit, uint32_t size, int64_t offset)
       }
       break;
     case 0x09: {  // access unit delimiter: a new frame begins
-      if (offset > 0) {
+      // The delimiter closes the frame that the previous one opened: a frame with a time stamp
+      // but ahead of the first SPS can't be shown and moves the start later; a shown frame ahead
+      // of the first time stamp moves it earlier. Bytes ahead of the first delimiter (x264 puts
+      // its version SEI there) are no frame.
+      if (frameCount > 0) {
         if (SawTimestamp && !SawHeader)
           DelayFrames++;
         else if (SawHeader && !SawTimestamp)

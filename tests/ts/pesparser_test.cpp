@@ -127,6 +127,12 @@ TEST(PesParser, UnboundedVideoPacketWaitsForTheFlush) {
   ASSERT_TRUE(run.Feed({}, true));
   EXPECT_EQ(run.capture->bytes, Payload(5000, 4));
   EXPECT_EQ(run.Ticks(), (std::vector<int64_t>{0}));
+
+  // The last one has no packet behind it: the end of the stream closes it.
+  PesRun last(false);
+  ASSERT_TRUE(last.Feed(pes));
+  ASSERT_TRUE(last.parser->Finish());
+  EXPECT_EQ(last.capture->bytes, Payload(5000, 4));
 }
 
 TEST(PesParser, ZeroStuffingIsSkippedAndUnknownCodesAreRefused) {

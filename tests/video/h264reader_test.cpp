@@ -228,6 +228,31 @@ TEST(H264Reader, InitialDelayCountsFramesAheadOfTheFirstTimestamp) {
   EXPECT_EQ(reader->InitialDelay(), -2 * 1000 * 1001 / 24000);
 }
 
+// x264 opens its streams with a version SEI ahead of the first delimiter; those bytes are no
+// frame. A frame that comes with the time stamp but ahead of the first SPS is one, and it can't be
+// shown, so the start moves one frame later.
+TEST(H264Reader, InitialDelayIgnoresALeadingSeiButCountsAFrameAheadOfTheSps) {
+  SpsParams p;
+  std::vector<uint8_t> version = StartCodeUnit(0x06, {0x05, 0x02, 0x78, 0x32, 0x80}, true);
+  std::vector<uint8_t> leading = version;
+  Append(leading, MakeStream(p, 4));
+  auto reader = Th264Reader::Create();
+  ReaderRun run = PushStream(reader, leading, 1 << 20, 900000);
+  ASSERT_TRUE(run.ok);
+  ASSERT_TRUE(reader->HasTimestamps());
+  EXPECT_EQ(reader->InitialDelay(), 0);
+  EXPECT_EQ(reader->VideoDetails()->FrameCount(), 4u);
+
+  std::vector<uint8_t> headless = Aud();  // a frame ahead of the first SPS
+  Append(headless, Slice(false));
+  Append(headless, MakeStream(p, 4));
+  auto late = Th264Reader::Create();
+  run = PushStream(late, headless, 1 << 20, 900000);
+  ASSERT_TRUE(run.ok);
+  EXPECT_EQ(late->InitialDelay(), 1000 * 1001 / 24000);
+  EXPECT_EQ(late->VideoDetails()->FrameCount(), 5u);
+}
+
 // Pushes one frame per Write with the time stamp `stamp(frame)`.
 bool PushFramesWithStamps(const std::shared_ptr<Th264Reader>& reader, int frames,
                           const std::function<int64_t(int)>& stamp,
