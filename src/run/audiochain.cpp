@@ -215,9 +215,17 @@ bool BuildWavInput(const UpStreamRef& chain, const IAudioFormatDetails&, TAction
 }
 
 // Raw PCM, and PCM that a container's reader has unpacked: big-endian data is turned around
-// unless the destination only checks.
+// unless the destination only checks. Big-endian 5.1 and 7.1 is what Blu-ray LPCM looks like:
+// its channels are stored L R C Ls Rs LFE (5.1) or L R C Ls Rs Lb Rb LFE (7.1), so unless the
+// user gave a remap of his own, the output half puts them into WAV order with "bluray".
 bool BuildPcmInput(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
-                   TAudioBuild&, bool) {
+                   TAudioBuild& build, bool) {
+  if (details.BigEndian() && (details.Channels() == 6 || details.Channels() == 8) &&
+      action.remap.empty()) {
+    action.remap = "bluray";
+    if (!build.isContainer)
+      chain->Log(0, "This is probably a Blu-ray PCM track. Will remap channels accordingly.");
+  }
   bool ok = chain->AppendUpStream(TRawReader::Create(details.Channels(), 0, details.BigEndian(),
                                                      0, details.SampleRate(), details.Bits()));
   if (ok && details.BigEndian() && !IsCheckName(action.dest))

@@ -246,6 +246,66 @@ TEST(AudioChain, RefusedBuilds) {
   }
 }
 
+// Big-endian PCM of 6 or 8 channels is Blu-ray LPCM: its channels are put into WAV order (the
+// "bluray" map), unless the user gave a map of his own. The chain is built up to a ".raw" file
+// caught by a capture and fed one frame whose samples name their stored channel.
+TEST(AudioChain, BlurayPcmLeavesInWavOrder) {
+  struct Case {
+    uint32_t channels;
+    bool bigEndian;
+    bool container;
+    const char* userRemap;
+    std::vector<uint8_t> order;  // stored channel of each output channel
+    bool message;                // "This is probably a Blu-ray PCM track..."
+  };
+  const Case cases[] = {
+      // Stored L R C Ls Rs LFE: LFE goes to place 3.
+      {6, true, true, "", {0, 1, 2, 5, 3, 4}, false},
+      // Stored L R C Ls Rs Lb Rb LFE.
+      {8, true, true, "", {0, 1, 2, 7, 4, 5, 3, 6}, false},
+      {6, true, false, "", {0, 1, 2, 5, 3, 4}, true},  // a bare big-endian file says so
+      {6, false, false, "", {0, 1, 2, 3, 4, 5}, false},  // little-endian PCM is WAV already
+      {2, true, true, "", {0, 1}, false},
+      {6, true, true, "5,4,3,2,1,0", {5, 4, 3, 2, 1, 0}, false},  // the user's map wins
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.channels << " channels, big-endian " << c.bigEndian);
+    auto details = std::make_shared<TAudioBlock>(Details(c.container ? "m2ts/pcm" : "pcm",
+                                                         c.channels, 0));
+    details->bits = 16;
+    details->bigEndian = c.bigEndian;
+    TAction action;
+    action.dest = "out.raw";
+    action.remap = c.userRemap;
+    TAudioBuild audio;
+    audio.isContainer = c.container;
+    auto capture = TCapture::Create();
+    audio.makeDestination = [&](const std::string&) -> UpStreamRef { return capture; };
+    UpStreamRef head = TPassThrough::Create();
+    LogRecorder log;
+    ASSERT_TRUE(BuildAudioChain(head, details, action, audio));
+    EXPECT_EQ(log.Has(0, "This is probably a Blu-ray PCM track. Will remap channels accordingly."),
+              c.message);
+    // One frame: stored channel k holds the 16-bit value 0x0100 * (k + 1) + k.
+    std::vector<uint8_t> frame;
+    for (uint32_t k = 0; k < c.channels; k++) {
+      uint8_t high = uint8_t(k + 1), low = uint8_t(k);
+      frame.push_back(c.bigEndian ? high : low);
+      frame.push_back(c.bigEndian ? low : high);
+    }
+    ASSERT_TRUE(head->InitAudio("pcm", c.channels, 16, 48000, c.bigEndian, 1));
+    ASSERT_TRUE(head->Write(0, false, frame.data(), uint32_t(frame.size()), -1, false));
+    ASSERT_TRUE(head->Finish());
+    // The chain ends little-endian, in the order asked for.
+    std::vector<uint8_t> want;
+    for (uint8_t k : c.order) {
+      want.push_back(k);
+      want.push_back(uint8_t(k + 1));
+    }
+    EXPECT_EQ(capture->bytes, want);
+  }
+}
+
 // The chain as built, run on a corpus stream: untouched AC3 comes out bit for bit, and a damaged
 // frame in the middle stops it with the two messages.
 TEST(AudioChain, BuiltChainCopiesAndStopsOnDamage) {

@@ -3,6 +3,8 @@
 // payloads from the corpus tables.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "ts/tscorpus.h"
@@ -21,8 +23,10 @@ class TsEndToEnd : public ::testing::Test {
 protected:
   void SetUp() override {
     if (!fs::exists(CorpusDir() + "/gen/MANIFEST.tsv")) GTEST_SKIP() << "corpus folder absent";
+    // The process id keeps runs of other builds on this machine out of the folder.
     dir = fs::temp_directory_path() /
-          ("sonvex_ts_e2e_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+          ("sonvex_ts_e2e_" + std::to_string(::getpid()) + "_" +
+           std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     fs::remove_all(dir);
     fs::create_directories(dir);
   }
