@@ -310,11 +310,11 @@ bool TSourceFiles::Write(SenderId, bool, const uint8_t*, uint32_t, int64_t sendP
       int64_t first = firstStamps[fileIndex];
       int64_t last = lastStamps[fileIndex - 1];
       if (valid && first >= 0 && last >= 0) {
+        // Every file boundary with known stamps is a seam, even a seamless one: the stages
+        // behind (the TS demuxer's continuity counters, the PES parser) start afresh there.
         int64_t jump = first - last;
-        if (jump > kSeamTolerance || jump < -kSeamTolerance) {
-          BroadcastSeam(true, jump);
-          BroadcastSeam(false, jump);
-        }
+        BroadcastSeam(true, jump);
+        BroadcastSeam(false, jump);
       }
     }
   }

@@ -62,8 +62,6 @@ public:
   bool IsTs() const { return isTs; }
 
   // Two files join up when the next one's first time stamp is within this many 90 kHz ticks of
-  // where the last one ended: streams muxed from millisecond time bases carry that much jitter.
-  static constexpr int64_t kSeamTolerance = 90;
 
 private:
   void Probe();

@@ -179,14 +179,23 @@ TEST(OutputNames, TwinsAreSettledByTheBitDepth) {
   EXPECT_EQ(ReadWhole(dir / "m.L.wav"), std::vector<uint8_t>{16});
   EXPECT_FALSE(fs::exists(dir / "m.24bit.L.wav"));
 
-  make(dir / "b.24bit.flac", 24);
-  make(dir / "b.16bit.flac", 16);
-  make(dir / "b.flac", 1);
+  // After a failed pass only files that a destination stage created are removed.
+  auto create = [&](const std::string& file, uint8_t mark) {
+    auto dest = TDestFile::Create(file);
+    dest->SetSilent(true);
+    ASSERT_TRUE(dest->Write(0, false, &mark, 1, -1, false) && dest->Finish());
+  };
+  create(dir / "b.24bit.flac", 24);
+  create(dir / "b.16bit.flac", 16);
+  create(dir / "b.flac", 1);
+  make(dir / "c.flac", 1);
   DeleteOutputs(dir / "b.flac", 24, 0, 0);
   EXPECT_FALSE(fs::exists(dir / "b.24bit.flac") || fs::exists(dir / "b.16bit.flac"));
   EXPECT_TRUE(fs::exists(dir / "b.flac"));
   DeleteOutputs(dir / "b.flac", 0, 0, 0);
   EXPECT_FALSE(fs::exists(dir / "b.flac"));
+  DeleteOutputs(dir / "c.flac", 0, 0, 0);
+  EXPECT_TRUE(fs::exists(dir / "c.flac")) << "a file the run never created stays";
 }
 
 }  // namespace
