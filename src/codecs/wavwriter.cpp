@@ -2,6 +2,8 @@
 // bytes until the end corrects it.
 #include "codecs/wavwriter.h"
 
+#include "files/destfile.h"
+
 #include <cstring>
 #include <vector>
 
@@ -156,6 +158,10 @@ bool TWavWriter::Finish() {
         Log(2, "The WAV writer couldn't update the header.");
         return false;
       }
+      // Standard output can't go back: the header written first, with its sizes left open, is
+      // what a reader of the pipe gets, and it stays valid there.
+      if (auto dest = std::dynamic_pointer_cast<TDestFile>(target); dest && dest->IsStdout())
+        continue;
       seekable->Seek(0);
       if (seekable->Position() != 0) {
         Log(2, "The WAV writer couldn't seek to the header.");

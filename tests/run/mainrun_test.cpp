@@ -69,6 +69,20 @@ TEST(MainRun, RefusalsEndWithTheirMessageExitCodeOneAndTheLogCopy) {
     EXPECT_NE(name.find(" - Log.txt"), std::string::npos) << name;
 }
 
+TEST(MainRun, StdoutWavIsReadableFromAPipe) {
+  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  TempDir dir;
+  std::string thd = ShellQuote((CorpusDir() / "gen/truehd_51_48k.thd").string());
+  std::string decode = " | ffmpeg -v error -f wav -i - -f s24le - | md5sum";
+  RunResult ours = RunShell(ShellQuote(SONVEX_BINARY) + " " + thd + " stdout.wav 2>/dev/null" + decode,
+                            dir.path());
+  RunResult reference = RunShell("ffmpeg -v error -i " + thd + " -f s24le - | md5sum", dir.path());
+  EXPECT_EQ(ours.out, reference.out);
+  // The data went to the pipe, the messages to standard error: no file was made.
+  EXPECT_FALSE(fs::exists(dir.path() / "stdout.wav"));
+}
+
 TEST(MainRun, AFailedPassRemovesOnlyWhatItCreated) {
   SKIP_WITHOUT_CORPUS();
   TempDir dir;
