@@ -1,19 +1,11 @@
-// The AC3 path through the real sonvex binary: an untouched copy is bit-exact, and a damaged
-// stream stops the run with exit code 1 and leaves no output. These run once the program's main
-// run is part of the build.
+// The AC3 path through the real sonvex binary: an untouched copy is bit-exact, a delay repeats
+// or drops whole frames, and a damaged stream stops the run with exit code 1 and no output.
 #include <gtest/gtest.h>
 
 #include "ac3testutil.h"
 
 namespace sonvex::ac3test {
 namespace {
-
-bool MainRunBuilt() {
-  return std::filesystem::exists(std::string(SONVEX_SOURCE_DIR) + "/src/run/runtracks.cpp");
-}
-
-#define SKIP_WITHOUT_MAIN_RUN() \
-  if (!MainRunBuilt()) GTEST_SKIP() << "the main run is not part of this build yet"
 
 // Runs sonvex with its log kept in the scratch folder; returns the exit code.
 int RunSonvex(const ScratchDir& dir, const std::string& arguments, std::string* output) {
@@ -24,7 +16,6 @@ int RunSonvex(const ScratchDir& dir, const std::string& arguments, std::string* 
 
 TEST(Ac3EndToEnd, UntouchedCopyIsBitExact) {
   SKIP_WITHOUT_AC3_CORPUS();
-  SKIP_WITHOUT_MAIN_RUN();
   ScratchDir dir;
   for (const char* name : {"gen/ac3_20_192k.ac3", "gen/eac3_51_640k.eac3"}) {
     std::string source = CorpusDir() + "/" + name;
@@ -45,9 +36,25 @@ TEST(Ac3EndToEnd, UntouchedCopyIsBitExact) {
   EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin()));
 }
 
+TEST(Ac3EndToEnd, DelayByWholeFrames) {
+  SKIP_WITHOUT_AC3_CORPUS();
+  ScratchDir dir;
+  std::string source = CorpusDir() + "/gen/ac3_20_192k.ac3";
+  auto in = ReadBytes(source);
+  std::vector<uint8_t> first(in.begin(), in.begin() + 768);
+  std::string output;
+  // +100 ms: 3.125 frames of 32 ms, so the first frame comes three more times.
+  ASSERT_EQ(RunSonvex(dir, "'" + source + "' '" + (dir / "later.ac3") + "' +100ms", &output), 0)
+      << output;
+  EXPECT_EQ(ReadBytes(dir / "later.ac3"), Concat({Repeat(first, 3), in}));
+  // -112 ms: 3.5 frames, rounded away from zero: four frames go.
+  ASSERT_EQ(RunSonvex(dir, "'" + source + "' '" + (dir / "earlier.ac3") + "' -112ms", &output), 0)
+      << output;
+  EXPECT_EQ(ReadBytes(dir / "earlier.ac3"), std::vector<uint8_t>(in.begin() + 4 * 768, in.end()));
+}
+
 TEST(Ac3EndToEnd, DamagedStreamFailsAndLeavesNoOutput) {
   SKIP_WITHOUT_AC3_CORPUS();
-  SKIP_WITHOUT_MAIN_RUN();
   ScratchDir dir;
   auto stream = ReadBytes(CorpusDir() + "/gen/ac3_20_192k.ac3");
   stream[768 * 60 + 300] ^= 0x08;
