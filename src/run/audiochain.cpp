@@ -13,20 +13,8 @@
 #include "ac3/gaptracker.h"
 #include "framework/smallstages.h"
 
-// Stages of other parts of the program, used once they are part of the build.
-#if __has_include("files/destfile.h")
 #include "files/destfile.h"
-#define SONVEX_HAVE_DESTFILE 1
-#endif
-#if __has_include("codecs/libavdecoder.h") && __has_include("pcm/bitdepthreducer.h")
-#include "codecs/libavdecoder.h"
-#include "pcm/bitdepthreducer.h"
-#define SONVEX_HAVE_LIBAV_DECODER 1
-#endif
-#if __has_include("pcm/stripto16bit.h")
 #include "pcm/stripto16bit.h"
-#define SONVEX_HAVE_STRIP16 1
-#endif
 
 namespace sonvex {
 
@@ -174,51 +162,9 @@ const TInputRow* FindInputRow(const std::string& tag) {
   return nullptr;
 }
 
-// The decoder behind the stream edits: libav for every format, then down to 24 bits. FFmpeg
-// hands the channels over in WAV order already, so no remap follows.
-bool AppendDecoder(const UpStreamRef& chain, const std::string& tag) {
-#ifdef SONVEX_HAVE_LIBAV_DECODER
-  auto decoder = TLibavDecoder::CreateFor(tag);
-  if (!decoder) {
-    chain->Log(2, "Internal error - unknown audio input format!");
-    return false;
-  }
-  return chain->AppendUpStream(decoder) &&
-         chain->AppendUpStream(TBitdepthReducer::Create(24, false));
-#else
-  chain->Log(2, "Internal error - unknown audio input format!");
-  return false;
-#endif
-}
-
-bool AppendDestFile(const UpStreamRef& chain, const std::string& name) {
-#ifdef SONVEX_HAVE_DESTFILE
-  return chain->AppendUpStream(TDestFile::Create(name));
-#else
-  chain->Log(2, "Internal error - unknown audio output format!");
-  return false;
-#endif
-}
-
-TAudioBlock CopyDetails(const IAudioFormatDetails& details) {
-  TAudioBlock block;
-  block.audioValid = details.IsValid();
-  block.format = details.Format();
-  block.name = details.Name();
-  block.duration = details.Duration();
-  block.channels = details.Channels();
-  block.channelLayout = details.ChannelLayout();
-  block.channelOrder = details.ChannelOrder();
-  block.channelMask = details.ChannelMask();
-  block.bits = details.Bits();
-  block.sampleRate = details.SampleRate();
-  block.bigEndian = details.BigEndian();
-  block.bitrate = details.Bitrate();
-  block.dialnorm = details.Dialnorm();
-  block.extra = details.Extra();
-  block.language = details.Language();
-  block.description = details.Description();
-  return block;
+bool AppendDestFile(const UpStreamRef& chain, const std::string& name, TAudioBuild& build) {
+  return chain->AppendUpStream(build.makeDestination ? build.makeDestination(name)
+                                                     : UpStreamRef(TDestFile::Create(name)));
 }
 
 }  // namespace
@@ -308,7 +254,7 @@ bool BuildAudioInput(const UpStreamRef& chain, const std::shared_ptr<IAudioForma
   bool needsDecoder = compressed && !untouched;
   if (needsDecoder && !ChooseDecoder(*chain, tag, action)) return false;
   if (!row->build(chain, *details, action, build, untouched)) return false;
-  if (needsDecoder && !AppendDecoder(chain, tag)) return false;
+  if (needsDecoder && !AppendDecoder(chain, details, action, build)) return false;
   // Decoded data with a channel order of its own, and "-mono", get a TChannelModder here once
   // the PCM stages exist; "-check16bit" on PCM that was not decoded brings in the twin outputs.
   if (action.check16bit && !build.decoded && !untouched) {
@@ -321,25 +267,9 @@ bool BuildAudioInput(const UpStreamRef& chain, const std::shared_ptr<IAudioForma
 bool BuildAudioChain(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
                      TAction& action, TAudioBuild& build) {
   if (!BuildAudioInput(chain, details, action, build)) return false;
-  if (KeepsCompressed(*details, action)) return AppendDestFile(chain, action.dest);
-  TAudioBlock block = CopyDetails(*details);
-  bool twins = build.decoded && Lower(action.dest) != "stdout" &&
-               InList(ExtensionOf(action.dest), kLosslessExtensions);
-#ifdef SONVEX_HAVE_STRIP16
-  if (twins) {
-    auto pass = TPassThrough::Create();
-    auto strip = TStripTo16bit::Create();
-    if (!chain->AppendUpStreams({pass, strip})) return false;
-    action.decidedBits = 24;
-    build.stripStages.push_back(strip);
-    TAudioBlock wide = block, narrow = block;
-    return BuildAudioOutput(pass, wide, action, ".24bit", build) &&
-           BuildAudioOutput(strip, narrow, action, ".16bit", build);
-  }
-#else
-  (void)twins;
-#endif
-  return BuildAudioOutput(chain, block, action, "", build);
+  if (!build.decoded && KeepsCompressed(*details, action))
+    return AppendDestFile(chain, action.dest, build);
+  return BuildDecodedOutputs(chain, details, action, build);
 }
 
 }  // namespace sonvex

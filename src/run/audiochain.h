@@ -2,6 +2,7 @@
 // decoder) and the output half (PCM processing and the file writer). Nothing here reads data.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -9,14 +10,6 @@
 #include "run/options.h"
 
 namespace sonvex {
-
-// The twin-output stage that passes only what fits in 16 bits tells after the pass whether the
-// whole stream was 16-bit content.
-class IStripTo16bit {
-public:
-  virtual ~IStripTo16bit() = default;
-  virtual bool FoundOnly16Bit() = 0;
-};
 
 // What one audio build is told and what it reports back.
 struct TAudioBuild {
@@ -26,6 +19,11 @@ struct TAudioBuild {
   std::string gapFileName;       // where a reader writes gaps it finds: destination + ".gaps"
   bool decoded = false;          // out: the stream leaves the input half as PCM
   std::vector<UpStreamRef> stripStages;  // out: TStripTo16bit stages of the twin outputs
+  // Makes the file stage of a destination name; empty: TDestFile. Tests put a capture here.
+  std::function<UpStreamRef(const std::string& name)> makeDestination;
+  // A FLAC decoder in the input half, whose metadata a FLAC destination copies; found by
+  // BuildDecodedOutputs when not set.
+  UpStreamRef flacSource;
 };
 
 // Logs "This audio conversion is not supported." through `logger` and returns false if the
@@ -39,6 +37,15 @@ bool BuildAudioInput(const UpStreamRef& chain, const std::shared_ptr<IAudioForma
 // Appends PCM processing and the destination; `suffix` is ".24bit", ".16bit" or empty.
 bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& action,
                       const std::string& suffix, TAudioBuild& build);
+// Decoder choice and the decoder of a compressed stream that is to be decoded (input half): the
+// libav decoder, a TBitdepthReducer to 24 bits, and the channel remap behind it.
+bool AppendDecoder(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
+                   TAction& action, TAudioBuild& build);
+// The outputs of a decoded stream: twin ".24bit"/".16bit" outputs for a lossless destination
+// that isn't "stdout" (the TStripTo16bit goes to build.stripStages), else one output.
+bool BuildDecodedOutputs(const UpStreamRef& chain,
+                         const std::shared_ptr<IAudioFormatDetails>& details, TAction& action,
+                         TAudioBuild& build);
 // The whole audio branch of one action: input half, then twin outputs, one output, or the file.
 bool BuildAudioChain(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatDetails>& details,
                      TAction& action, TAudioBuild& build);

@@ -11,6 +11,7 @@
 #include "run/audiochain.h"
 #include "run/cmdline.h"
 #include "run/naming.h"
+#include "pcm/stripto16bit.h"
 #include "video/videoreaders.h"
 
 namespace sonvex {
@@ -263,7 +264,7 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
   }
   for (size_t i = 0; i < options.actions.size(); i++)
     for (const UpStreamRef& stage : stripStages[i])
-      if (auto strip = Query<IStripTo16bit>(stage); strip && strip->FoundOnly16Bit())
+      if (auto strip = Query<IStripTo16bit>(stage); strip && strip->Is16bit())
         options.actions[i].decidedBits = 16;
   result.videoFrames.assign(size_t(videoCount), 0);
   for (const SideBranch& side : sides)

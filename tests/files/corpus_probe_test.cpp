@@ -206,8 +206,8 @@ TEST(SourceProbeCorpus, JoinedPartsOfOneTitleReadAsOneWithoutSeam) {
   auto capture = TCapture::Create();
   source->SetUpStream(capture);
   ASSERT_TRUE(source->Write(0, false, nullptr, 0, -1, false));
-  std::vector<uint8_t> expected = test::ReadWhole(part1);
-  std::vector<uint8_t> second = test::ReadWhole(part2);
+  std::vector<uint8_t> expected = filestest::ReadWhole(part1);
+  std::vector<uint8_t> second = filestest::ReadWhole(part2);
   expected.insert(expected.end(), second.begin(), second.end());
   EXPECT_TRUE(capture->bytes == expected);
   EXPECT_TRUE(capture->seams.empty());

@@ -14,10 +14,10 @@ namespace sonvex {
 namespace {
 
 namespace fs = std::filesystem;
-using test::Pattern;
-using test::ReadWhole;
-using test::TLogRecorder;
-using test::TScratchDir;
+using filestest::Pattern;
+using filestest::ReadWhole;
+using filestest::TLogRecorder;
+using filestest::TScratchDir;
 
 bool Push(const std::shared_ptr<TDestFile>& dest, const std::vector<uint8_t>& bytes,
           bool isHeader = false, uint32_t block = 16384) {
@@ -204,7 +204,7 @@ TEST(OutputNames, IndexedNamesFollowTheChannelTable) {
 TEST(OutputNames, TwinsAreSettledByTheBitDepth) {
   TScratchDir dir;
   const std::string name = dir / "a.flac";
-  auto make = [&](const std::string& file, uint8_t mark) { test::WriteWhole(file, {mark}); };
+  auto make = [&](const std::string& file, uint8_t mark) { filestest::WriteWhole(file, {mark}); };
   for (uint32_t bits : {24u, 16u}) {
     make(name, 1);
     make(dir / "a.24bit.flac", 24);

@@ -12,7 +12,9 @@
 
 #include "framework/console.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::filestest {
+using namespace ::sonvex::test;
 
 class TScratchDir {
 public:
@@ -68,4 +70,4 @@ public:
   std::vector<std::pair<int, std::string>> lines;
 };
 
-}  // namespace sonvex::test
+}  // namespace sonvex::filestest

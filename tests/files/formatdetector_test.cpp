@@ -16,6 +16,7 @@ namespace sonvex {
 namespace {
 
 using namespace test;
+using namespace filestest;
 using namespace std::string_literals;
 
 // Takes a stream that begins with `magic`; refuses it (returns false) otherwise, or once it has

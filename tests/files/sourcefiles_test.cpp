@@ -17,6 +17,7 @@ namespace sonvex {
 namespace {
 
 using namespace test;
+using namespace filestest;
 
 // Records how many bytes had arrived when each seam was announced.
 class TSeamCapture : public TCapture {

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <vector>
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::filestest {
+using namespace ::sonvex::test;
 
 class TBitWriter {
 public:
@@ -174,4 +176,4 @@ inline std::vector<uint8_t> PsPes(uint8_t streamId, int64_t pts, uint16_t payloa
   return bytes;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::filestest

@@ -14,7 +14,9 @@
 #include "video/videobitwriter.h"
 #include "video/videotestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 namespace {
 
 struct SpsParams {
@@ -307,4 +309,4 @@ TEST(H264Reader, ParserBattery) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest

@@ -15,7 +15,9 @@
 #include "video/videobitwriter.h"
 #include "video/videotestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 namespace {
 
 std::vector<uint8_t> Unit(uint8_t code, const std::vector<uint8_t>& payload) {
@@ -332,4 +334,4 @@ TEST(Mpeg2Reader, ParserBattery) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest

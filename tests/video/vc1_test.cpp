@@ -10,7 +10,9 @@
 #include "video/videobitwriter.h"
 #include "video/videotestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 namespace {
 
 struct Vc1Params {
@@ -211,4 +213,4 @@ TEST(Vc1Reader, ParserBattery) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest

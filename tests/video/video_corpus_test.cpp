@@ -14,7 +14,9 @@
 #include "video/mpeg2reader.h"
 #include "video/videotestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 namespace {
 
 struct CorpusCase {
@@ -237,4 +239,4 @@ TEST(VideoCorpus, CutAndGarbageStreamsAreRefused) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest

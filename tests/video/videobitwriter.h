@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <vector>
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 
 class BitWriter {
 public:
@@ -67,4 +69,4 @@ inline std::vector<uint8_t> StartCodeUnit(uint8_t code, const std::vector<uint8_
   return unit;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest

@@ -7,7 +7,9 @@
 #include "video/vc1pulldownremover.h"
 #include "video/videotestutil.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 namespace {
 
 TEST(VideoReaders, CodecsGetTheirReaders) {
@@ -46,4 +48,4 @@ TEST(VideoReaders, PulldownOptionsOfTheAction) {
 }
 
 }  // namespace
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest

@@ -15,7 +15,9 @@
 #include "framework/console.h"
 #include "support/capture.h"
 
-namespace sonvex::test {
+namespace sonvex::test {}
+namespace sonvex::videotest {
+using namespace ::sonvex::test;
 
 inline std::string CorpusPath(const std::string& name) {
   return std::string(SONVEX_CORPUS) + "/" + name;
@@ -84,4 +86,4 @@ inline ReaderRun PushStream(const UpStreamRef& reader, const std::vector<uint8_t
   return run;
 }
 
-}  // namespace sonvex::test
+}  // namespace sonvex::videotest
