@@ -1,5 +1,5 @@
-// The AC3 path through the real sonvex binary: an untouched copy is bit-exact, and a damaged
-// stream stops the run with exit code 1 and leaves no output.
+// The AC3 path through the real sonvex binary: an untouched copy is bit-exact, a delay repeats
+// or drops whole frames, and a damaged stream stops the run with exit code 1 and no output.
 #include <gtest/gtest.h>
 
 #include "ac3testutil.h"
@@ -25,6 +25,24 @@ TEST(Ac3EndToEnd, UntouchedCopyIsBitExact) {
   ASSERT_FALSE(out.empty());
   EXPECT_EQ(out.size() % 1792, 0u);
   EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin()));
+}
+
+TEST(Ac3EndToEnd, DelayByWholeFrames) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  std::string source = CorpusDir() + "/gen/ac3_20_192k.ac3";
+  auto in = ReadBytes(source);
+  std::vector<uint8_t> later;
+  // +100 ms: 3.125 frames of 32 ms, so the first frame comes three more times.
+  for (int i = 0; i < 3; i++) later.insert(later.end(), in.begin(), in.begin() + 768);
+  later.insert(later.end(), in.begin(), in.end());
+  RunResult r = RunSonvex({source, dir / "later.ac3", "+100ms"}, dir.path());
+  ASSERT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_EQ(ReadBytes(dir / "later.ac3"), later);
+  // -112 ms: 3.5 frames, rounded away from zero: four frames go.
+  r = RunSonvex({source, dir / "earlier.ac3", "-112ms"}, dir.path());
+  ASSERT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_EQ(ReadBytes(dir / "earlier.ac3"), std::vector<uint8_t>(in.begin() + 4 * 768, in.end()));
 }
 
 TEST(Ac3EndToEnd, DamagedStreamFailsAndLeavesNoOutput) {
