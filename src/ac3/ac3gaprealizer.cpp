@@ -11,21 +11,10 @@ namespace sonvex {
 namespace {
 const std::string kName = "(E-)AC3 gap realizer";
 constexpr uint32_t kKeptFrames = 30;
-// A damaged or foreign ".gaps" file must not make the stage loop for ever: times are kept
-// within about three years and one step within ten minutes of play time.
-constexpr int64_t kTimeLimit = int64_t(1) << 50;
-constexpr int64_t kStepLimit = int64_t(10) * 60 * 1000 * 10000;
-
-int64_t Clamp(int64_t value, int64_t limit) { return std::clamp(value, -limit, limit); }
 }  // namespace
 
 TAc3GapRealizer::TAc3GapRealizer(const std::string& gapData)
-    : entries(GapEntriesFromBlob(gapData)), entryIndex(entries.empty() ? -1 : 0) {
-  for (TGapEntry& entry : entries) {
-    entry.time = Clamp(entry.time, kTimeLimit);
-    entry.drift = Clamp(entry.drift, kTimeLimit);
-  }
-}
+    : entries(BoundedGapEntries(gapData)), entryIndex(entries.empty() ? -1 : 0) {}
 
 bool TAc3GapRealizer::InitAudio(const std::string& format, uint32_t channels,
                                 uint32_t bitsPerSample, uint32_t sampleRate, bool bigEndian,
@@ -52,8 +41,8 @@ void TAc3GapRealizer::NextEntry() {
   if (framesUntilGap < framesPassed) framesUntilGap = framesPassed;
   framesUntilGap -= framesPassed;
   int64_t step = 0;
-  if (entry.drift > 0) step = FramesOf(std::min(entry.drift, kStepLimit));
-  if (entry.drift < 0) step = -FramesOf(std::min(-entry.drift, kStepLimit));
+  if (entry.drift > 0) step = FramesOf(std::min(entry.drift, kGapStepLimit));
+  if (entry.drift < 0) step = -FramesOf(std::min(-entry.drift, kGapStepLimit));
   if (step > 0 && framesAdjusted > step) step = framesAdjusted;
   if (step < 0 && framesAdjusted < step) step = framesAdjusted;
   framesToInsert = step - framesAdjusted;

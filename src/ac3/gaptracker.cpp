@@ -1,6 +1,8 @@
 // Gap and overlap tracking of compressed audio time stamps, and the ".gaps" file.
 #include "ac3/gaptracker.h"
 
+#include <algorithm>
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -49,6 +51,16 @@ std::vector<TGapEntry> GapEntriesFromBlob(const std::string& blob) {
   for (size_t i = 0; i < entries.size(); i++) {
     entries[i].time = int64_t(Le64(bytes + i * kRecordSize));
     entries[i].drift = int64_t(Le64(bytes + i * kRecordSize + 8));
+  }
+  return entries;
+}
+
+std::vector<TGapEntry> BoundedGapEntries(const std::string& blob) {
+  constexpr int64_t kTimeLimit = int64_t(1) << 50;
+  std::vector<TGapEntry> entries = GapEntriesFromBlob(blob);
+  for (TGapEntry& entry : entries) {
+    entry.time = std::clamp(entry.time, -kTimeLimit, kTimeLimit);
+    entry.drift = std::clamp(entry.drift, -kTimeLimit, kTimeLimit);
   }
   return entries;
 }

@@ -37,6 +37,12 @@ struct TFrameClock {
 std::string GapBlobFromEntries(const std::vector<TGapEntry>& entries);
 std::vector<TGapEntry> GapEntriesFromBlob(const std::string& blob);
 
+// The records a realizer works from. A damaged or foreign ".gaps" file must not make a stage loop
+// for ever or overflow: times are kept within about three years, and one realized step within
+// ten minutes of play time (kGapStepLimit, in ticks).
+std::vector<TGapEntry> BoundedGapEntries(const std::string& blob);
+constexpr int64_t kGapStepLimit = int64_t(10) * 60 * 1000 * 10000;
+
 class TGapTracker {
 public:
   // Gap data already given to the reader switches tracking off: the file is being consumed.

@@ -8,20 +8,8 @@
 
 namespace sonvex {
 
-namespace {
-// A damaged or foreign ".gaps" file must not make the stage loop for ever or overflow: times are
-// kept within about three years and one step within ten minutes of play time.
-constexpr int64_t kTimeLimit = int64_t(1) << 50;
-constexpr int64_t kStepLimit = int64_t(10) * 60 * 1000 * 10000;
-}  // namespace
-
 TDtsGapRealizer::TDtsGapRealizer(const std::string& gapData)
-    : entries(GapEntriesFromBlob(gapData)), entryIndex(entries.empty() ? -1 : 0) {
-  for (TGapEntry& entry : entries) {
-    entry.time = std::clamp(entry.time, -kTimeLimit, kTimeLimit);
-    entry.drift = std::clamp(entry.drift, -kTimeLimit, kTimeLimit);
-  }
-}
+    : entries(BoundedGapEntries(gapData)), entryIndex(entries.empty() ? -1 : 0) {}
 
 bool TDtsGapRealizer::InitAudio(const std::string& format, uint32_t channels,
                                 uint32_t bitsPerSample, uint32_t sampleRate, bool bigEndian,
@@ -112,8 +100,8 @@ bool TDtsGapRealizer::Write(SenderId sender, bool isHeader, const uint8_t* data,
         framesUntilGap = e.drift > 0 ? FramesOf(e.time - e.drift) : FramesOf(e.time);
         if (framesUntilGap < framesPassed) framesUntilGap = framesPassed;
         framesUntilGap -= framesPassed;
-        framesToInsert = e.drift > 0   ? FramesOf(std::min(e.drift, kStepLimit))
-                         : e.drift < 0 ? -FramesOf(std::min(-e.drift, kStepLimit))
+        framesToInsert = e.drift > 0   ? FramesOf(std::min(e.drift, kGapStepLimit))
+                         : e.drift < 0 ? -FramesOf(std::min(-e.drift, kGapStepLimit))
                                        : 0;
         if (framesToInsert > 0 && framesAdjusted > framesToInsert) framesToInsert = framesAdjusted;
         if (framesToInsert < 0 && framesAdjusted < framesToInsert) framesToInsert = framesAdjusted;
