@@ -65,6 +65,17 @@ for file in gen/ac3_20_192k.ac3 gen/dts_51_768k.dts gen/mp2_20_224k.mp2; do
   family=$((family + 1))
 done
 
+# Whole runs over transport streams: the first byte picks the file's kind and the mode (0 and 1:
+# "-check" as .ts and .m2ts; 3: track 2 of an .m2ts decoded).
+rm -rf fuzz/corpus/fuzz_tschain
+mkdir -p fuzz/corpus/fuzz_tschain
+for seed in "0 gen/ts_h264_eac3_ac3_aac.ts" "1 gen/bd_h264_multi.m2ts" "1 gen/bd_lpcm_variants.m2ts" \
+    "3 gen/bd_audio_delay100ms.m2ts" "1 public/m2ts/Test_H264_DTS1.m2ts"; do
+  set -- $seed
+  [ -f "$corpus/$2" ] || continue
+  { printf "\\x0$1"; head -c 65536 "$corpus/$2"; } >"fuzz/corpus/fuzz_tschain/$(basename "$2")"
+done
+
 # Command lines, arguments separated by NUL bytes as argv holds them.
 rm -rf fuzz/corpus/fuzz_cmdline
 mkdir -p fuzz/corpus/fuzz_cmdline
