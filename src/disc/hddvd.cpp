@@ -440,7 +440,7 @@ void PrintTitles(const TXpl& xpl) {
       if (audio.Bitrate) line += ", " + std::to_string(audio.Bitrate) + "kbit/s";
       line += quoted(audio.Description);
       if (!audio.Extra.empty()) line += "  \"" + audio.Extra + "\"";
-      if (!audio.Text.empty()) line += "  \"" + audio.Text + "\"";
+      if (!audio.Text.empty() && audio.Text != audio.Description) line += "  \"" + audio.Text + "\"";
       WriteLine(0, line);
     }
     for (const TXplSubtitleTrack& subtitle : clip.Subtitles) {
@@ -448,7 +448,8 @@ void PrintTitles(const TXpl& xpl) {
       if (!subtitle.Language.empty()) line += ", " + subtitle.Language;
       if (subtitle.Forced) line += ", forced";
       line += quoted(subtitle.Description);
-      if (!subtitle.Text.empty()) line += "  \"" + subtitle.Text + "\"";
+      if (!subtitle.Text.empty() && subtitle.Text != subtitle.Description)
+        line += "  \"" + subtitle.Text + "\"";
       WriteLine(0, line);
     }
   }
