@@ -212,7 +212,7 @@ TXpl ParseXpl(const std::string& fileText, const std::string& path, const std::v
   if (declaration == std::string::npos) return xpl;
   size_t end = text.find('>', declaration);
   if (end == std::string::npos) return xpl;
-  TXmlList top = ScanXml(ScanXml(text.substr(end + 1)).empty() ? "" : text.substr(end + 1));
+  TXmlList top = ScanXml(text.substr(end + 1));
   TXmlList playlist = ScanXml(GetElementText(top, "Playlist"));
   std::string configuration = GetElementText(playlist, "Configuration");
   std::string mediaAttributes = GetElementText(playlist, "MediaAttributeList");

@@ -1,6 +1,8 @@
 // The XML scanner of HD DVD playlists.
 #include "disc/xmlscanner.h"
 
+#include <unordered_map>
+
 #include "disc/discfiles.h"
 
 namespace sonvex {
@@ -27,6 +29,7 @@ size_t FindNoCase(const std::string& lowerText, const std::string& part, size_t 
 TXmlList ScanXml(const std::string& text) {
   TXmlList list;
   std::string lower = LowerText(text);
+  std::unordered_map<std::string, size_t> nextEndTag;
   size_t at = 0;
   for (;;) {
     size_t open = text.find('<', at);
@@ -56,7 +59,16 @@ TXmlList ScanXml(const std::string& text) {
       at = close + 1;
     } else {
       std::string endTag = "</" + item.Name + ">";
-      size_t end = FindNoCase(lower, endTag, close + 1);
+      // Positions only grow, so an end tag found (or missed) once for a name holds for every
+      // later search behind an earlier position: many open tags cost one search, not one each.
+      auto cached = nextEndTag.find(LowerText(endTag));
+      size_t end;
+      if (cached != nextEndTag.end() && (cached->second == std::string::npos || cached->second > close)) {
+        end = cached->second;
+      } else {
+        end = FindNoCase(lower, endTag, close + 1);
+        nextEndTag[LowerText(endTag)] = end;
+      }
       if (end == std::string::npos) {
         at = close + 1;  // no end tag: the element is dropped
         continue;
