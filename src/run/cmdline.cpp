@@ -192,6 +192,12 @@ std::string CutLeadingDash(std::string name) {
   return name;
 }
 
+bool IsPlaylistFile(const std::string& name) {
+  std::error_code error;
+  return name.size() > 5 && LowerCase(name.substr(name.size() - 5)) == ".mpls" &&
+         std::filesystem::is_regular_file(name, error);
+}
+
 bool ResolveTitle(const std::string& folder, int title, std::string& source) {
   bool reported = false;
   if (titleResolver && titleResolver(folder, title, source, reported)) return true;
@@ -363,7 +369,8 @@ bool ParseCommandLine(const std::string& rawLine, TOptions& options) {
   if (!source.empty() && source.find('+') == std::string::npos) {
     std::string plain = RemoveQuotes(source);
     std::error_code error;
-    if (std::filesystem::is_directory(plain, error)) {
+    // A folder stands for title 1 of its disc; a Blu-ray playlist file for its own title.
+    if (std::filesystem::is_directory(plain, error) || IsPlaylistFile(plain)) {
       if (!ResolveTitle(plain, 1, source)) {
         options.sources.assign(1, "");
         return false;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "disc/languages.h"
 #include "files/destfile.h"
 #include "files/formatdetector.h"
 #include "files/sourcefiles.h"
@@ -15,6 +16,7 @@
 #include "run/runstate.h"
 #include "run/runtracks.h"
 #include "run/selftest.h"
+#include "run/titles.h"
 
 namespace fs = std::filesystem;
 
@@ -58,12 +60,6 @@ void PlaySound(const std::string& file) {
   }
 }
 
-// Disc folders hold a Blu-ray or HD DVD structure; their readers plug in here.
-bool ListDiscTitles(const std::string& folder) {
-  (void)folder;
-  return false;
-}
-
 class TMainRun {
 public:
   int Execute(int argc, char** argv);
@@ -79,9 +75,12 @@ private:
   void AfterFailedPass();
   void CopyLog();
   std::string TrackText(const TTrackRef& ref) const;
+  std::string TrackLanguage(const TTrackRef& ref) const;
+  std::string DiscNameSuffix(const TTrackRef& ref) const;
 
   TOptions options;
   TSourceInfo info;
+  TDiscFacts disc;  // chapters, languages and names that a disc structure gives the source
   UpStreamRef analysis;  // keeps the analysis chain's readers alive for the details
   int exitCode = 0;
   uint64_t processingTicks = 0;
@@ -97,6 +96,28 @@ std::string TMainRun::TrackText(const TTrackRef& ref) const {
     case TTrackKind::Subtitle: return ref.entry.details->SubtitleDetails()->Description();
     default: return {};
   }
+}
+
+// The language of a track: its own, else the disc's for its id.
+std::string TMainRun::TrackLanguage(const TTrackRef& ref) const {
+  std::string language;
+  if (ref.entry.details && ref.kind == TTrackKind::Audio)
+    language = ref.entry.details->AudioDetails()->Language();
+  else if (ref.entry.details && ref.kind == TTrackKind::Subtitle)
+    language = ref.entry.details->SubtitleDetails()->Language();
+  if (!language.empty()) return LanguageName(language);
+  auto found = disc.languages.find(ref.entry.id);
+  return found == disc.languages.end() ? "" : found->second;
+}
+
+// Demux names carry the language and the disc's name of the track.
+std::string TMainRun::DiscNameSuffix(const TTrackRef& ref) const {
+  std::string suffix;
+  std::string language = TrackLanguage(ref);
+  if (!language.empty()) suffix += ", " + language;
+  auto name = disc.names.find(ref.entry.id);
+  if (name != disc.names.end()) suffix += ", '" + name->second + "'";
+  return suffix;
 }
 
 bool TMainRun::Analyse() {
@@ -128,7 +149,8 @@ void TMainRun::PrintListing() {
     return;
   }
   auto& c = *info.container;
-  WriteLine(0, c.Description());
+  disc = FindDiscFacts(options.sources, c.Format());
+  WriteLine(0, c.Description() + (disc.titleName.empty() ? "" : " \"" + disc.titleName + "\""));
   int32_t earliest = 0x7FFFFFFF;
   TTrackEntry entry;
   for (int32_t i = 0; i < c.VideoCount(); i++)
@@ -141,12 +163,24 @@ void TMainRun::PrintListing() {
     info.joinedContainer = true;
     WriteLine(0, "1: Joined " + c.Name() + " file");
   }
+  if (!disc.chapterText.empty()) {
+    info.chapterText = disc.chapterText;
+    info.trackBase++;
+    WriteLine(0, std::to_string(info.trackBase) + ": " + disc.chapterLine);
+  }
   for (int32_t number = info.trackBase + 1; number <= LastTrackNumber(info); number++) {
     TTrackRef ref = FindTrack(info, number);
     std::string line = std::to_string(number) + ": " + TrackText(ref);
     if ((ref.kind == TTrackKind::Video || ref.kind == TTrackKind::Audio) && ref.entry.delay)
       line += ", " + std::to_string(ref.entry.delay) + "ms";
+    std::string language = TrackLanguage(ref);
+    if (!language.empty()) line += ", " + language;
+    auto name = disc.names.find(ref.entry.id);
+    if (name != disc.names.end() && ref.kind == TTrackKind::Subtitle)
+      line += ", \"" + name->second + "\"";
     WriteLine(0, line);
+    if (name != disc.names.end() && ref.kind == TTrackKind::Audio)
+      WriteLine(0, std::string(std::to_string(number).size() + 2, ' ') + "\"" + name->second + "\"");
   }
 }
 
@@ -172,12 +206,12 @@ bool TMainRun::BuildDemuxActions(bool check) {
                                        : info.videoDetails->Format();
       std::string ext = tag == "mpeg2" ? "m2v" : tag;
       std::string text = info.container ? TrackText(ref) : info.videoDetails->Description();
-      add(number, check ? "%check%." + ext : base + DemuxVideoText(text) + "." + ext);
+      add(number, check ? "%check%." + ext : base + DemuxVideoText(text) + DiscNameSuffix(ref) + "." + ext);
     } else if (ref.kind == TTrackKind::Audio) {
       if (evo && ref.entry.id >= 8) continue;
       auto details = info.container ? ref.entry.details->AudioDetails() : info.audioDetails;
       std::string tag = details->Format();
-      std::string text = base + DemuxAudioText(details->Description());
+      std::string text = base + DemuxAudioText(details->Description()) + DiscNameSuffix(ref);
       if (check) {
         add(number, tag == "thd/ac3" ? "%check%.thd" : "%check%." + tag);
       } else if (tag == "thd/ac3") {
@@ -188,7 +222,7 @@ bool TMainRun::BuildDemuxActions(bool check) {
       }
     } else if (ref.kind == TTrackKind::Subtitle) {
       if (evo && ref.entry.id >= 16) continue;
-      add(number, check ? "%check%.sup" : base + TrackText(ref) + ".sup");
+      add(number, check ? "%check%.sup" : base + TrackText(ref) + DiscNameSuffix(ref) + ".sup");
     }
   }
   if (!info.chapterText.empty() && !check)
@@ -410,6 +444,7 @@ int TMainRun::Execute(int argc, char** argv) {
   std::string rawLine = RawCommandLine(argc, argv);
   OpenLog(stateDir + "/log.txt", rawLine);
 
+  InstallTitleResolver();
   if (argc == 1 && ListDiscTitles(".")) return 0;
   if (argc == 2 && ListDiscTitles(RemoveQuotes(argv[1]))) return 0;
   if (argc == 1) {
