@@ -10,6 +10,7 @@
 #include "codecs/wavdtsreader.h"
 #include "codecs/wavreader.h"
 #include "dts/dtsreader.h"
+#include "evo/evoparser.h"
 #include "mp2/mp2reader.h"
 #include "thd/thdreader.h"
 #include "ts/tsparser.h"
@@ -21,7 +22,7 @@ namespace sonvex {
 
 // Slot 0: TEvoParser (takes the EVO option).
 UpStreamRef MakeEvoParserCandidate(TCandidateContext& context) {
-  return nullptr;
+  return TEvoParser::Create(context.evoOption);
 }
 
 // Slot 1: TTsParser (takes the TS option: "-logPids"; the EVO option goes to its DTS readers).

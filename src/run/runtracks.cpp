@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "evo/evodemuxhead.h"
+#include "evo/evorepairer.h"
 #include "files/destfile.h"
 #include "files/sourcefiles.h"
 #include "framework/smallstages.h"
@@ -19,6 +21,15 @@
 
 namespace sonvex {
 namespace {
+
+// The PCM gap tracker writes destination + ".gaps"; on the pass that uses that file it must know
+// its content, or it would track the same gaps once more.
+void ReadPcmGapFile(const TAction& action, std::string& name, std::string& data) {
+  if (action.dest.empty()) return;
+  name = action.dest + ".gaps";
+  std::ifstream in(name, std::ios::binary);
+  if (in) data.assign(std::istreambuf_iterator<char>(in), {});
+}
 
 // Container families register their demux heads here as they exist.
 UpStreamRef MakeContainerHead(const std::string& tag, const TTrackRef& track,
@@ -35,14 +46,19 @@ UpStreamRef MakeContainerHead(const std::string& tag, const TTrackRef& track,
                                                           "%check%", [](char a, char b) {
                                                             return std::tolower(uint8_t(a)) == b;
                                                           });
-    if (!action.dest.empty()) {
-      // The PCM gap tracker writes destination + ".gaps"; on the pass that uses that file it
-      // must know its content, or it would track the same gaps once more.
-      request.gapFileName = action.dest + ".gaps";
-      std::ifstream in(request.gapFileName, std::ios::binary);
-      if (in) request.gapData.assign(std::istreambuf_iterator<char>(in), {});
-    }
+    ReadPcmGapFile(action, request.gapFileName, request.gapData);
     return BuildTsDemuxHead(request);
+  }
+  if (tag == "evo" || tag == "vob") {
+    TEvoHeadRequest request;
+    request.isVideo = track.kind == TTrackKind::Video;
+    request.isAudio = track.kind == TTrackKind::Audio;
+    request.id = uint32_t(track.entry.id);
+    request.trackNumber = action.track;
+    if (request.isAudio && track.entry.details)
+      request.audioFormat = track.entry.details->AudioDetails()->Format();
+    ReadPcmGapFile(action, request.gapFileName, request.gapData);
+    return BuildEvoDemuxHead(request);
   }
   return nullptr;
 }
@@ -194,8 +210,11 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
       continue;
     }
     if (ref.kind == TTrackKind::Joined) {
-      source->Log(2, "This container conversion is not supported.");
-      return false;
+      // The joined EVO/VOB files are rewritten into one, with their time stamps laid end to end.
+      UpStreamRef head = TEvoRepairer::Create();
+      if (!head->AppendUpStream(TDestFile::Create(action.dest))) return false;
+      heads.push_back(head);
+      continue;
     }
     UpStreamRef head;
     if (!info.container) {
@@ -245,6 +264,9 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
       if (!head->AppendUpStream(readers.head) ||
           !head->AppendUpStream(TDestFile::Create(action.dest)))
         return false;
+    } else if (containerTag == "evo" || containerTag == "vob") {
+      // The EVO head ends in the subtitle reader, which makes the SUP stream.
+      if (!head->AppendUpStream(TDestFile::Create(action.dest))) return false;
     } else {
       head->Log(2, "This subtitle conversion is not supported.");
       return false;

@@ -7,9 +7,6 @@ namespace sonvex {
 
 namespace {
 
-// A backward PTS step larger than this (60 s in 90 kHz ticks) is a jump, not a real overlap.
-constexpr int64_t kJumpTicks = 60000 * 90;
-
 bool CarriesPesHeader(uint8_t streamId) {
   return streamId == 0xBD || (streamId >= 0xC0 && streamId <= 0xEF) || streamId == 0xFA ||
          streamId == 0xFD;
@@ -37,37 +34,11 @@ bool TPesParser::InitSubtitle(const std::string& format) {
   return NotifySubtitle(format);
 }
 
-// The running time: steps between PTS values are added up. A far step backwards (a 32-bit wrap,
-// or a join of pieces with unrelated clocks) adds nothing unless a DSI packet said by how much the
-// presentation jumps; a forward step of any size is a real hole.
-int64_t TPesParser::TimelineStep(int64_t pts) {
-  if (lastPts == -1) {
-    timeline = 0;
-  } else if (lastPts > pts && lastPts - pts > kJumpTicks) {
-    if (dsiGap != 0) {
-      while (lastPts > dsiGap + pts && lastPts - pts - dsiGap > kJumpTicks) dsiGap += int64_t(1) << 32;
-      if (lastPts > dsiGap + pts || dsiGap + pts - lastPts < kJumpTicks)
-        timeline += dsiGap + pts - lastPts;
-      else
-        dsiGap = 0;
-    }
-  } else {
-    timeline += pts - lastPts;
-  }
-  lastPts = pts;
-  return timeline;
-}
-
 // A DSI packet (private stream 2, sub id 1) gives the start and end PTM of its unit; the start
 // less the previous unit's end is the jump that a seamless join makes.
 void TPesParser::HandleDsi(const uint8_t* at, uint32_t length) {
   if (length < 6 + 53 || at[6] != 1) return;
-  int64_t start = Be32(at + 6 + 45);
-  int64_t end = Be32(at + 6 + 49);
-  while (end < start) end += int64_t(1) << 32;
-  dsiGap = dsiEnd - start;
-  dsiEnd = end;
-  if (dsiGap < 0) dsiGap = 0;
+  timeline.Dsi(Be32(at + 6 + 45), Be32(at + 6 + 49));
 }
 
 // One PES packet at `at`; `length` receives its length. Wait: not all of it is here yet.
@@ -84,7 +55,7 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
     if (length > remaining || (length + 4 > remaining && !flushing)) return Item::Wait;
   }
   if (!CarriesPesHeader(at[3])) {
-    dsiGap = 0;
+    timeline.PacketDone();
     return Item::Next;
   }
   auto invalid = [this]() {
@@ -99,8 +70,7 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
   if (flags & 0x80) {
     if (q + 5 > length) return invalid();
     const uint8_t* b = at + q;
-    uint32_t value = uint32_t(b[0] & 6) << 29 | uint32_t(b[1]) << 22 | uint32_t(b[2] & 0xFE) << 14 |
-                     uint32_t(b[3]) << 7 | uint32_t(b[4] & 0xFE) >> 1;
+    uint32_t value = ReadPts32(b);
     if (value != 0xFFFFFFFF) pts = value;
     q += 5;
     if ((flags & 0xC0) == 0xC0) q += 5;  // a DTS follows; it is not needed
@@ -125,11 +95,11 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
   if (payloadStart < count || payloadStart > length) return invalid();
 
   int64_t stamp = -1;
-  if (pts != -1) stamp = RawTimestamps ? pts : TimelineStep(pts);
+  if (pts != -1) stamp = RawTimestamps ? pts : timeline.Step(pts);
   valid = Send(false, at + payloadStart, length - payloadStart, stamp == -1 ? -1 : stamp * 1000 / 9,
                flush);
   if (firstPts == -1) firstPts = stamp;
-  dsiGap = 0;
+  timeline.PacketDone();
   return valid ? Item::Next : Item::Stop;
 }
 
@@ -194,7 +164,7 @@ void TPesParser::NotifySeam(bool before, int64_t jump) {
   flushing = true;
   Write(0, false, nullptr, 0, -1, true);
   flushing = false;
-  if (lastPts != -1) lastPts = (lastPts + jump) & 0xFFFFFFFF;
+  timeline.Seam(jump);
   if (BufferFill(0) > 0) {
     Log(1, "The pes parser received incomplete data.");
     SetBufferFill(0, 0);

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "framework/upstream.h"
+#include "ts/pestimeline.h"
 
 namespace sonvex {
 
@@ -44,13 +45,9 @@ private:
   enum class Item { Next, Wait, Stop };
   Item HandlePes(const uint8_t* at, uint32_t remaining, uint32_t& length, bool flush);
   void HandleDsi(const uint8_t* at, uint32_t length);
-  int64_t TimelineStep(int64_t pts);
 
   const bool RawTimestamps;
-  int64_t dsiEnd = 0;
-  int64_t lastPts = -1;
-  int64_t timeline = 0;
-  int64_t dsiGap = 0;
+  TPesTimeline timeline;
   bool flushing = false;
   int64_t firstPts = -1;
 };
