@@ -31,6 +31,7 @@
 #include "pcm/endianswapper.h"
 #include "pcm/rawreader.h"
 #include "pcm/stripto16bit.h"
+#include "run/channelgraph.h"
 
 namespace sonvex {
 
@@ -227,7 +228,8 @@ bool BuildPcmInput(const UpStreamRef& chain, const IAudioFormatDetails& details,
       chain->Log(0, "This is probably a Blu-ray PCM track. Will remap channels accordingly.");
   }
   bool ok = chain->AppendUpStream(TRawReader::Create(details.Channels(), 0, details.BigEndian(),
-                                                     0, details.SampleRate(), details.Bits()));
+                                                     details.Extra(), details.SampleRate(),
+                                                     details.Bits()));
   if (ok && details.BigEndian() && !IsCheckName(action.dest))
     ok = chain->AppendUpStream(TEndianSwapper::Create());
   return ok;
@@ -390,8 +392,14 @@ bool BuildAudioInput(const UpStreamRef& chain, const std::shared_ptr<IAudioForma
   if (needsDecoder && !ChooseDecoder(*chain, tag, action)) return false;
   if (!row->build(chain, *details, action, build, untouched)) return false;
   if (needsDecoder && !AppendDecoder(chain, details, action, build)) return false;
-  // Decoded data with a channel order of its own, and "-mono", get a TChannelModder here once
-  // the PCM stages exist; "-check16bit" on PCM that was not decoded brings in the twin outputs.
+  // "-mono" takes the stream to one channel; "-check16bit" on PCM that was not decoded brings
+  // in the twin outputs.
+  if (action.mono && !untouched && details->Channels() > 1) {
+    AppendMonoMix(chain);
+    details->SetChannels(1);
+    details->SetChannelMask(4);
+    if (details->Bits() <= 16) details->SetBits(details->Bits() + 8);
+  }
   if (action.check16bit && !build.decoded && !untouched) {
     std::string ext = ExtensionOf(action.dest);
     if (ext != ".ac3" && ext != ".dts") build.decoded = true;

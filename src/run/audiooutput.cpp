@@ -11,7 +11,11 @@
 #include "pcm/bitdepthreducer.h"
 #include "pcm/channelmodder.h"
 #include "pcm/endianswapper.h"
+#include "pcm/rawdelayer.h"
+#include "pcm/rawgaprealizer.h"
 #include "pcm/stripto16bit.h"
+#include "ac3/gaptracker.h"
+#include "run/channelgraph.h"
 #include "run/audiochain.h"
 
 #include "files/destfile.h"
@@ -84,31 +88,11 @@ bool AppendDecoder(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatD
          chain->AppendUpStream(TBitdepthReducer::Create(24, true));
 }
 
-bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& action,
-                      const std::string& suffix, TAudioBuild& build) {
-  const std::string name = WithSuffix(action.dest, suffix);
-  const std::string ext = ExtensionOf(action.dest);
-  if ((ext == ".ac3" || ext == ".dts") && details.channels >= 7 && !action.down6 &&
-      !action.down2) {
-    chain->Log(1, ext == ".ac3"
-                      ? "AC3 encoding only supports 6 channels. Will mix the surround channels."
-                      : "DTS encoding only supports 6 channels. Will mix the surround channels.");
-    action.down6 = true;
-  }
-  if (!action.remap.empty()) {
-    if (!chain->AppendUpStream(TChannelModder::Create(action.remap))) return false;
-  }
-  // Splitting into mono branches for resampling and mixing, and the gap realizers, are made by
-  // stages that this build doesn't hold yet; nor does it encode AC3 or DTS.
-  bool resample = action.resampleTo != 0 && uint32_t(action.resampleTo) != details.sampleRate;
-  if (action.speedup || action.slowdown || action.down6 || action.down2 || resample ||
-      ext == ".dts" || ext == ".ac3" || !build.gapList.empty())
-    return Unsupported(chain);
-  uint32_t target = action.reduceTo ? uint32_t(action.reduceTo) : uint32_t(action.bits);
-  if (target) {
-    if (!chain->AppendUpStream(TBitdepthReducer::Create(target, true))) return false;
-    if (details.bits > target) details.bits = (target + 7) / 8 * 8;
-  }
+// Step 10: the end of the chain, by the destination's extension.
+static bool AppendOutputEnd(const UpStreamRef& chain, TAudioBlock& details, TAction& action,
+                            const std::string& name, const std::string& ext, TAudioBuild& build) {
+  // The AC3 and DTS encoder ends are not built yet.
+  if (ext == ".dts" || ext == ".ac3") return Unsupported(chain);
   if (ext == ".pcm" || ext == ".lpcm") {
     if (action.endian != 1 && !chain->AppendUpStream(TEndianSwapper::Create())) return false;
     // Blu-ray LPCM channel order.
@@ -151,6 +135,88 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
     return AppendDestination(chain, name, build);
   }
   return AppendDestination(chain, name, build);
+}
+
+namespace {
+
+// Step 2: AC3 and DTS take at most 6 channels; the surround channels are mixed in.
+void ForceDown6ForEncoders(const UpStreamRef& chain, const TAudioBlock& details, TAction& action,
+                           const std::string& ext) {
+  if ((ext == ".ac3" || ext == ".dts") && details.channels >= 7 && !action.down6 &&
+      !action.down2) {
+    chain->Log(1, ext == ".ac3"
+                      ? "AC3 encoding only supports 6 channels. Will mix the surround channels."
+                      : "DTS encoding only supports 6 channels. Will mix the surround channels.");
+    action.down6 = true;
+  }
+}
+
+// Step 3: the user's channel map.
+bool AppendRemap(const UpStreamRef& chain, const TAction& action) {
+  return action.remap.empty() || chain->AppendUpStream(TChannelModder::Create(action.remap));
+}
+
+bool ResamplingWanted(const TAudioBlock& details, const TAction& action) {
+  return action.resampleTo != 0 && uint32_t(action.resampleTo) != details.sampleRate;
+}
+
+// Steps 4 to 7: the stream is split into mono branches for speed changes, resampling and the
+// downmixes, each branch processed, the downmix graphs built, and the branches joined again.
+// Mono files (".wavs") are made behind the join.
+bool AppendMonoProcessing(const UpStreamRef& chain, TAudioBlock& details, const TAction& action,
+                          const std::string& ext) {
+  const bool down6 = action.down6 && details.channels >= 7;
+  const bool down2 = action.down2 && (details.channels >= 6 || down6);
+  if (!action.speedup && !action.slowdown && !ResamplingWanted(details, action) && !down6 &&
+      !down2)
+    return true;
+  if (details.channels == 0) return Unsupported(chain);
+  const bool doubleSeventh = !down6 && ext != ".wavs" && ext != ".dts";
+  TMonoBranches branches =
+      SplitIntoBranches(chain, details, doubleSeventh, down6 ? 8 : details.channels);
+  AppendResamplers(branches, details, action);
+  if (down6) BuildDown6(branches, details);
+  if (down2) BuildDown2(branches, details, action.mixLfe);
+  JoinBranches(branches);
+  return chain->LastStage()->IsValid();
+}
+
+// Step 8: the gaps of a ".gaps" file and the delay. For a bare stream the realizer goes first,
+// for a container track the delayer; "%check%" writes nothing and needs no delay.
+bool AppendPcmGapsAndDelay(const UpStreamRef& chain, const TAction& action,
+                           const TAudioBuild& build) {
+  UpStreamRef realizer;
+  if (!build.gapList.empty()) realizer = TRawGapRealizer::Create(GapDataForRealizer(build.gapList));
+  UpStreamRef delayer;
+  if (Lower(action.dest).rfind("%check%", 0) != 0) delayer = TRawDelayer::Create();
+  std::vector<UpStreamRef> order = build.isContainer ? std::vector<UpStreamRef>{delayer, realizer}
+                                                     : std::vector<UpStreamRef>{realizer, delayer};
+  for (const UpStreamRef& stage : order)
+    if (stage && !chain->AppendUpStream(stage)) return false;
+  return true;
+}
+
+// Step 9: fewer bits, when asked for.
+bool AppendDepthReduction(const UpStreamRef& chain, TAudioBlock& details, const TAction& action) {
+  uint32_t target = action.reduceTo ? uint32_t(action.reduceTo) : uint32_t(action.bits);
+  if (!target) return true;
+  if (!chain->AppendUpStream(TBitdepthReducer::Create(target, true))) return false;
+  if (details.bits > target) details.bits = (target + 7) / 8 * 8;
+  return true;
+}
+
+}  // namespace
+
+bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& action,
+                      const std::string& suffix, TAudioBuild& build) {
+  const std::string name = WithSuffix(action.dest, suffix);
+  const std::string ext = ExtensionOf(action.dest);
+  ForceDown6ForEncoders(chain, details, action, ext);
+  if (!AppendRemap(chain, action)) return false;
+  if (!AppendMonoProcessing(chain, details, action, ext)) return false;
+  if (!AppendPcmGapsAndDelay(chain, action, build)) return false;
+  if (!AppendDepthReduction(chain, details, action)) return false;
+  return AppendOutputEnd(chain, details, action, name, ext, build);
 }
 
 bool BuildDecodedOutputs(const UpStreamRef& chain,

@@ -11,6 +11,7 @@
 #include "files/formatdetector.h"
 #include "files/sourcefiles.h"
 #include "framework/console.h"
+#include "pcm/rawanalyzer.h"
 #include "run/cmdline.h"
 #include "run/naming.h"
 #include "run/runstate.h"
@@ -66,6 +67,8 @@ public:
 
 private:
   bool Analyse();
+  bool LooksLikeRawPcm() const;
+  void AnalyseRaw();
   void PrintListing();
   bool BuildDemuxActions(bool check);
   bool AssignTracks();
@@ -133,11 +136,40 @@ bool TMainRun::Analyse() {
   if (container && container->IsValid()) info.container = container;
   if (audio && audio->IsValid()) info.audioDetails = audio;
   if (video && video->IsValid()) info.videoDetails = video;
+  if (!info.container && !info.audioDetails && !info.videoDetails && LooksLikeRawPcm())
+    AnalyseRaw();
   if (!info.container && !info.audioDetails && !info.videoDetails) {
     WriteLine(2, "The format of the source file could not be detected.");
     return false;
   }
   return true;
+}
+
+// A source whose first file ends in ".raw" or whose name holds "pcm" may be headerless PCM.
+bool TMainRun::LooksLikeRawPcm() const {
+  if (options.sources.empty()) return false;
+  std::string name = options.sources.front();
+  for (char& c : name) c = char(std::tolower(uint8_t(c)));
+  std::string file = std::filesystem::path(name).filename().string();
+  return (file.size() >= 4 && file.compare(file.size() - 4, 4, ".raw") == 0) ||
+         file.find("pcm") != std::string::npos;
+}
+
+// The raw analysis: the first 300 MiB of the source through TRawAnalyzer, with the layout the
+// first action suggests (channels, bits, byte order, rate); "-override" takes the suggestions
+// as they are.
+void TMainRun::AnalyseRaw() {
+  TAction hints = options.actions.empty() ? TAction{} : options.actions.front();
+  auto source = TSourceFiles::Create(options.sources, 24000, 1001, 0x12C00000);
+  auto analyzer = TRawAnalyzer::Create(uint32_t(hints.sampleRate), hints.override,
+                                       uint32_t(hints.endian), uint32_t(hints.bits),
+                                       uint32_t(hints.channels));
+  source->SetUpStream(analyzer);
+  analysis = source;
+  if (source->IsValid()) source->Write(0, false, nullptr, 0, -1, false);
+  UpdateProgress(1, 0);
+  auto audio = analyzer->AudioDetails();
+  if (audio && audio->IsValid()) info.audioDetails = audio;
 }
 
 void TMainRun::PrintListing() {

@@ -131,15 +131,47 @@ TEST(AudioOutput, WavsWritesOneMonoFilePerChannel) {
   EXPECT_EQ(lfe[18], 3);
 }
 
-TEST(AudioOutput, StagesNotInThisBuildFailLoudly) {
-  for (auto set : {+[](TAction& a) { a.down2 = true; }, +[](TAction& a) { a.speedup = true; },
-                   +[](TAction& a) { a.dest = "x.ac3"; }}) {
+TEST(AudioOutput, EncoderEndsNotInThisBuildFailLoudly) {
+  Harness h("x.ac3");
+  TAudioBlock details = *Details("pcm", 6, 24);
+  EXPECT_FALSE(BuildAudioOutput(h.head, details, h.action, "", h.build));
+  ASSERT_FALSE(h.lines.empty());
+  EXPECT_EQ(h.lines.back(), std::make_pair(2, std::string("Internal error - unknown audio output format!")));
+}
+
+// -down2 of 16-bit 5.1: each contribution is widened to 24 bits by its factor, so the sums are
+// exact; the WAV header says 2 channels, 24 bits, and -mixlfe brings in the LFE at 91/256.
+TEST(AudioOutput, Down2GraphMixesByTheMatrix) {
+  const int16_t in[6] = {1000, -2000, 300, 4000, -500, 700};  // L R C LFE SL SR
+  for (bool mixLfe : {false, true}) {
     Harness h("x.wav");
-    set(h.action);
-    TAudioBlock details = *Details("pcm", 6, 24);
-    EXPECT_FALSE(BuildAudioOutput(h.head, details, h.action, "", h.build));
-    ASSERT_FALSE(h.lines.empty());
-    EXPECT_EQ(h.lines.back(), std::make_pair(2, std::string("Internal error - unknown audio output format!")));
+    h.action.down2 = true;
+    h.action.mixLfe = mixLfe;
+    TAudioBlock details = *Details("pcm", 6, 16);
+    ASSERT_TRUE(BuildAudioOutput(h.head, details, h.action, "", h.build));
+    EXPECT_EQ(details.channels, 2u);
+    EXPECT_EQ(details.bits, 24u);
+    h.head->SetSilent(true);
+    std::vector<uint8_t> frames;
+    for (int f = 0; f < 100; f++)
+      for (int16_t s : in) frames.insert(frames.end(), {uint8_t(s), uint8_t(uint16_t(s) >> 8)});
+    ASSERT_TRUE(h.head->InitAudio("pcm", 6, 16, 48000, false, 100));
+    ASSERT_TRUE(h.head->Write(0, false, frames.data(), uint32_t(frames.size()), -1, false));
+    ASSERT_TRUE(h.head->Finish());
+    const std::vector<uint8_t>& wav = h.files["x.wav"]->bytes;
+    ASSERT_GT(wav.size(), 44u);
+    EXPECT_EQ(wav[22], 2);   // channels
+    EXPECT_EQ(wav[34], 24);  // bits
+    auto pcm = Payload(wav);
+    ASSERT_EQ(pcm.size(), 100u * 6);
+    auto read = [&](size_t i) {
+      return int32_t(uint32_t(pcm[3 * i]) << 8 | uint32_t(pcm[3 * i + 1]) << 16 |
+                     uint32_t(pcm[3 * i + 2]) << 24) >> 8;
+    };
+    const int lfe = mixLfe ? 91 * in[3] : 0;
+    EXPECT_EQ(read(0), 128 * in[0] + 91 * in[2] + lfe + 111 * in[4] + 64 * in[5]);
+    EXPECT_EQ(read(1), 128 * in[1] + 91 * in[2] + lfe - 64 * in[4] - 111 * in[5]);
+    EXPECT_EQ(read(198), read(0));
   }
 }
 
