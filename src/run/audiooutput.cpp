@@ -13,6 +13,7 @@
 #include "pcm/endianswapper.h"
 #include "pcm/stripto16bit.h"
 #include "run/audiochain.h"
+#include "run/encoderoutput.h"
 
 #include "files/destfile.h"
 
@@ -99,16 +100,17 @@ bool BuildAudioOutput(const UpStreamRef& chain, TAudioBlock& details, TAction& a
     if (!chain->AppendUpStream(TChannelModder::Create(action.remap))) return false;
   }
   // Splitting into mono branches for resampling and mixing, and the gap realizers, are made by
-  // stages that this build doesn't hold yet; nor does it encode AC3 or DTS.
+  // stages that this build doesn't hold yet.
   bool resample = action.resampleTo != 0 && uint32_t(action.resampleTo) != details.sampleRate;
   if (action.speedup || action.slowdown || action.down6 || action.down2 || resample ||
-      ext == ".dts" || ext == ".ac3" || !build.gapList.empty())
+      !build.gapList.empty())
     return Unsupported(chain);
   uint32_t target = action.reduceTo ? uint32_t(action.reduceTo) : uint32_t(action.bits);
   if (target) {
     if (!chain->AppendUpStream(TBitdepthReducer::Create(target, true))) return false;
     if (details.bits > target) details.bits = (target + 7) / 8 * 8;
   }
+  if (IsEncoderDestination(ext)) return AppendEncoderOutput(chain, details, action, name, build);
   if (ext == ".pcm" || ext == ".lpcm") {
     if (action.endian != 1 && !chain->AppendUpStream(TEndianSwapper::Create())) return false;
     // Blu-ray LPCM channel order.
