@@ -17,6 +17,7 @@
 #include "ac3/gaptracker.h"
 #include "run/channelgraph.h"
 #include "run/audiochain.h"
+#include "run/encoderoutput.h"
 
 #include "files/destfile.h"
 
@@ -91,8 +92,7 @@ bool AppendDecoder(const UpStreamRef& chain, const std::shared_ptr<IAudioFormatD
 // Step 10: the end of the chain, by the destination's extension.
 static bool AppendOutputEnd(const UpStreamRef& chain, TAudioBlock& details, TAction& action,
                             const std::string& name, const std::string& ext, TAudioBuild& build) {
-  // The AC3 and DTS encoder ends are not built yet.
-  if (ext == ".dts" || ext == ".ac3") return Unsupported(chain);
+  if (IsEncoderDestination(ext)) return AppendEncoderOutput(chain, details, action, name, build);
   if (ext == ".pcm" || ext == ".lpcm") {
     if (action.endian != 1 && !chain->AppendUpStream(TEndianSwapper::Create())) return false;
     // Blu-ray LPCM channel order.

@@ -38,7 +38,6 @@ struct TAction {
   bool extensible = false;
   int32_t fileCount = 0;     // set during the run: mono files written for ".wavs"
   int32_t decidedBits = 0;   // set during the run: 16 if only 16-bit content was found
-  bool surcodeNeeded = false;
   bool oldMediaType = false;
   int32_t skipHeaders = 0;
   bool seekToIFrames = false;

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "framework/console.h"
+#include "run/encoderoutput.h"
 
 namespace sonvex {
 namespace {
@@ -31,7 +32,6 @@ constexpr CodecUse kCodecs[] = {
     {"AC3 decoder", AV_CODEC_ID_AC3, false},     {"E-AC3 decoder", AV_CODEC_ID_EAC3, false},
     {"DTS decoder", AV_CODEC_ID_DTS, false},     {"TrueHD decoder", AV_CODEC_ID_TRUEHD, false},
     {"MLP decoder", AV_CODEC_ID_MLP, false},     {"MP2 decoder", AV_CODEC_ID_MP2, false},
-    {"AC3 encoder", AV_CODEC_ID_AC3, true},      {"DTS encoder", AV_CODEC_ID_DTS, true},
 };
 
 }  // namespace
@@ -46,6 +46,7 @@ void RunSelfTest() {
         codec.encoder ? avcodec_find_encoder(codec.id) : avcodec_find_decoder(codec.id);
     WriteLine(0, std::string("libav ") + codec.text + (found ? " is available" : " is absent"));
   }
+  for (const std::string& line : EncoderTestLines()) WriteLine(0, line);
   for (const char* name : {"Nero Audio Decoder", "Sonic Audio Decoder", "ArcSoft Audio Decoder"})
     WriteLine(0, std::string(name) + " is not available on this system");
   bool muxer = av_guess_format("matroska", nullptr, nullptr) != nullptr;
