@@ -96,6 +96,8 @@ bool RemoveCreated(const std::string& name) {
 
 }  // namespace
 
+void NoteCreatedFile(const std::string& name) { NoteCreated(name); }
+
 void DeleteCreatedFiles() {
   std::lock_guard<std::mutex> guard(createdLock);
   for (const std::string& name : createdFiles) std::remove(name.c_str());

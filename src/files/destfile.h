@@ -68,6 +68,8 @@ bool RenameOutput(const std::string& from, const std::string& to, int32_t index,
 void FinishOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count);
 // Deletes the twins (bits not 0) or the plain file.
 void DeleteOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count);
+// Notes a file that another writer of this process has created, so that a failed pass removes it.
+void NoteCreatedFile(const std::string& name);
 // Removes every file this process created and has not handed over yet: what a failed pass left.
 void DeleteCreatedFiles();
 

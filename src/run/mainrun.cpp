@@ -11,6 +11,7 @@
 #include "files/formatdetector.h"
 #include "files/sourcefiles.h"
 #include "framework/console.h"
+#include "mux/mkvframerate.h"
 #include "pcm/rawanalyzer.h"
 #include "run/cmdline.h"
 #include "run/naming.h"
@@ -75,6 +76,7 @@ private:
   void AddMkvSideActions(const TAction& mkv);
   bool RunPasses();
   void AfterGoodPass(const TPassResult& pass);
+  void PatchFrameRate(const TAction& action);
   void AfterFailedPass();
   void CopyLog();
   std::string TrackText(const TTrackRef& ref) const;
@@ -87,6 +89,7 @@ private:
   UpStreamRef analysis;  // keeps the analysis chain's readers alive for the details
   int exitCode = 0;
   uint64_t processingTicks = 0;
+  uint64_t stampTicks = 0;
   bool rerunWanted = false;
   int64_t abortPosition = 0;
 };
@@ -379,6 +382,34 @@ bool TMainRun::AssignTracks() {
   return true;
 }
 
+// The frame rate of the first video track into the header of its Matroska file: the rate the
+// muxed frames really have, after field rates, pulldown options and speed changes.
+void TMainRun::PatchFrameRate(const TAction& action) {
+  TTrackRef ref = FindTrack(info, action.track);
+  auto details = info.container ? ref.entry.details->VideoDetails() : info.videoDetails;
+  if (!details) return;
+  uint64_t start = TickCount();
+  uint32_t rate = details->RateNumerator(), denominator = details->RateDenominator();
+  std::string codec = details->Format();
+  if (details->Interlaced() && rate >= 48000) rate /= 2;
+  if (rate == 24000 && codec != "vc1" && action.keepPulldown) rate = 30000;
+  if (rate == 30000 && codec == "h264" && action.force24p) rate = 24000;
+  if (action.speedup && rate == 24000) {
+    rate = 25000;
+    denominator = 1000;
+  }
+  if (action.slowdown && rate == 25000) {
+    rate = 24000;
+    denominator = 1001;
+  }
+  TMkvPatchResult result = PatchMkvFrameRate(action.dest, rate, denominator);
+  if (result == TMkvPatchResult::added)
+    WriteLine(0, "Added fps value to MKV header.");
+  else if (result == TMkvPatchResult::failed)
+    WriteLine(1, "Adding fps value to MKV header failed.");
+  stampTicks += TickCount() - start;
+}
+
 void TMainRun::AfterGoodPass(const TPassResult& pass) {
   for (TAction& action : options.actions) {
     action.dest = TidyFileName(action.dest);
@@ -389,11 +420,20 @@ void TMainRun::AfterGoodPass(const TPassResult& pass) {
       FinishOutputs(action.dest, action.decidedBits, 0, 0);
     }
   }
+  for (const TAction& action : options.actions)
+    if (FileExtension(action.dest) == ".mkv" && FindTrack(info, action.track).kind ==
+                                                    TTrackKind::Video &&
+        action.track == info.trackBase + 1) {
+      PatchFrameRate(action);
+      break;
+    }
   for (size_t v = 0; v < pass.videoFrames.size(); v++)
     if (pass.videoFrames[v])
       WriteLine(0, "Video track " + std::to_string(info.trackBase + 1 + int32_t(v)) +
                        " contains " + std::to_string(pass.videoFrames[v]) + " frames.");
   WriteLine(0, "sonvex processing took " + FormatDuration(uint32_t(processingTicks)) + ".");
+  if (stampTicks)
+    WriteLine(0, "Timestamp rewriting took " + FormatDuration(uint32_t(stampTicks)) + ".");
   WriteLine(0, "Done.");
   exitCode = 0;
 }

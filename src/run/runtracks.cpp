@@ -12,11 +12,15 @@
 #include "files/destfile.h"
 #include "files/sourcefiles.h"
 #include "framework/smallstages.h"
+#include "mux/pushvideosource.h"
 #include "run/audiochain.h"
 #include "run/cmdline.h"
 #include "run/naming.h"
 #include "pcm/stripto16bit.h"
 #include "ts/tsdemuxhead.h"
+#include "video/h264muxer.h"
+#include "video/mpeg2muxer.h"
+#include "video/vc1muxer.h"
 #include "video/videoreaders.h"
 
 namespace sonvex {
@@ -92,6 +96,49 @@ void ReadGapFile(IUpStream& logger, const std::string& fileName, const std::stri
     return;
   }
   gapList = content;
+}
+
+// A ".gaps" file beside a ".mkv" destination: the frame corrections of an earlier pass.
+bool ReadVideoGapFile(IUpStream& logger, const std::string& fileName, std::string& gapData) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(fileName, error)) return true;
+  logger.Log(0, "Video gap description file detected, will be used for muxing...");
+  std::ifstream in(fileName, std::ios::binary);
+  if (!in) {
+    logger.Log(2, "Opening video gap description file failed.");
+    return false;
+  }
+  std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (content.size() % 16 != 0) {
+    logger.Log(2, "Video gap description file seems to be invalid.");
+    return false;
+  }
+  gapData = content;
+  return true;
+}
+
+// Reader, muxing stage and Matroska writer of a ".mkv" destination behind `head`.
+bool BuildMkvChain(const UpStreamRef& head, const std::string& codec,
+                   const std::shared_ptr<IVideoFormatDetails>& details, const TAction& action) {
+  UpStreamRef muxer;
+  if (codec == "h264")
+    muxer = Th264Muxer::Create(action.seekToIFrames);
+  else if (codec == "vc1")
+    muxer = TVc1Muxer::Create();
+  else if (codec == "mpeg2")
+    muxer = TMpeg2Muxer::Create();
+  if (!muxer) {
+    head->Log(2, "Unsupported video format.");
+    return false;
+  }
+  std::string gapFile = action.dest + ".gaps", gapData;
+  if (!ReadVideoGapFile(*head, gapFile, gapData)) return false;
+  TVideoReaderChain readers =
+      BuildVideoReader(codec, action, action.track, details->Pulldown(), details->Interlaced(),
+                       true, gapFile, gapData);
+  return head->AppendUpStream(readers.head) && head->AppendUpStream(muxer) &&
+         head->AppendUpStream(TPushVideoSource::Create(action.dest, NoteCreatedFile)) &&
+         head->AppendUpStream(TFileSimulator::Create());
 }
 
 }  // namespace
@@ -251,8 +298,9 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
       auto details = trackVideo(ref);
       std::string codec = details->Format();
       if (FileExtension(action.dest) == ".mkv") {
-        head->Log(2, "Internal error - unknown video output format!");
-        return false;
+        if (!BuildMkvChain(head, codec, details, action)) return false;
+        heads.push_back(head);
+        continue;
       }
       TVideoReaderChain readers =
           BuildVideoReader(codec, action, action.track, details->Pulldown(),
