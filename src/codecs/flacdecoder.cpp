@@ -1,5 +1,6 @@
-// TFlacDecoder. The pushing thread hands a block over (inputReady) and waits until libFLAC's read
-// callback has taken all of it (inputUsed); everything behind the decoder runs on its thread.
+// TFlacDecoder. The pushing thread gathers the blocks it gets and hands about 1 MiB at a time over
+// (inputReady); it gathers the next while libFLAC's read callback takes them, and waits for
+// inputUsed only before the next hand-over. Everything behind the decoder runs on its thread.
 #include "codecs/flacdecoder.h"
 
 #include <FLAC/metadata.h>
@@ -28,6 +29,7 @@ void Error(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus status, vo
 }
 
 constexpr std::chrono::milliseconds kThreadWait{1000};
+constexpr size_t kHandOverBytes = 1 << 20;
 
 }  // namespace
 
@@ -209,21 +211,41 @@ bool TFlacDecoder::InitAudio(const std::string& format, uint32_t, uint32_t, uint
 
 bool TFlacDecoder::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t, bool) {
   if (valid && !finishing && !aborted && size != 0) {
-    input = data;
-    inputSize = size;
-    inputUsed.Reset();
-    if (!threadDone.IsSet()) {
-      inputReady.Set();
-      inputUsed.Wait();
-    }
-    // The thread keeps no pointer into the caller's block once it has signalled.
-    input = nullptr;
-    inputSize = 0;
+    pending.insert(pending.end(), data, data + size);
+    if (pending.size() >= kHandOverBytes) HandOverInput();
   }
   return !aborted;
 }
 
+// Waits until the thread has taken all of the last hand-over (or has ended), then gives it what
+// has gathered. The thread sets inputUsed whenever it waits for input, so once that is seen it
+// touches neither `input` nor `inputSize` until inputReady.
+void TFlacDecoder::HandOverInput() {
+  if (!handing && pending.empty()) return;
+  inputUsed.Wait();
+  handing = false;
+  input = nullptr;
+  inputSize = 0;
+  if (pending.empty()) return;
+  if (threadDone.IsSet()) {
+    pending.clear();
+    return;
+  }
+  handed.swap(pending);
+  pending.clear();
+  input = handed.data();
+  inputSize = uint32_t(handed.size());
+  handing = true;
+  inputUsed.Reset();
+  inputReady.Set();
+}
+
 bool TFlacDecoder::Finish() {
+  // The last gathered bytes go over, and the thread takes all of them, before it is told to end.
+  if (valid && !aborted) {
+    HandOverInput();
+    HandOverInput();
+  }
   finishing = true;
   inputReady.Set();
   inputUsed.Set();

@@ -1,5 +1,6 @@
 // TFlacDecoder: decodes FLAC with libFLAC's stream decoder, which runs on a thread of its own
-// and takes the pushed blocks through two events in strict alternation.
+// and takes the pushed blocks, gathered to about 1 MiB, through two events in strict
+// alternation.
 #pragma once
 
 #include <atomic>
@@ -42,6 +43,7 @@ public:
 private:
   void Run();
   void StopThread();
+  void HandOverInput();
 
   FLAC__StreamDecoder* decoder = nullptr;
   uint32_t channels = 0;
@@ -49,6 +51,10 @@ private:
   uint32_t bytesPerSample = 0;
   uint64_t totalSamples = 0;
   bool metadataSeen = false;
+  // The blocks gather in `pending` until there is about 1 MiB, which then becomes `handed`, the
+  // decoder thread's input, while the next blocks gather.
+  std::vector<uint8_t> pending, handed;
+  bool handing = false;  // handed over, and the thread hasn't yet signalled inputUsed
   const uint8_t* input = nullptr;
   uint32_t inputSize = 0;
   std::atomic<bool> finishing{false};

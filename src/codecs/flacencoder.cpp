@@ -141,7 +141,8 @@ int TFlacEncoder::WriteCallback(const uint8_t* buffer, size_t bytes) {
 }
 
 int TFlacEncoder::SeekCallback(uint64_t offset) {
-  if (!valid || aborted) return FLAC__STREAM_ENCODER_SEEK_STATUS_ERROR;
+  // A seek reaches the files directly: the blocks still gathered for them go first.
+  if (!valid || aborted || !HandOverBatches()) return FLAC__STREAM_ENCODER_SEEK_STATUS_ERROR;
   for (auto& up : upStreams) {
     auto seekable = SeekableOf(up);
     if (!seekable) return FLAC__STREAM_ENCODER_SEEK_STATUS_UNSUPPORTED;
@@ -152,7 +153,7 @@ int TFlacEncoder::SeekCallback(uint64_t offset) {
 }
 
 int TFlacEncoder::TellCallback(uint64_t* offset) {
-  if (!valid || aborted) return FLAC__STREAM_ENCODER_TELL_STATUS_ERROR;
+  if (!valid || aborted || !HandOverBatches()) return FLAC__STREAM_ENCODER_TELL_STATUS_ERROR;
   for (auto& up : upStreams) {
     auto seekable = SeekableOf(up);
     if (!seekable) return FLAC__STREAM_ENCODER_TELL_STATUS_UNSUPPORTED;

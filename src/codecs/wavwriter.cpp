@@ -151,6 +151,8 @@ bool TWavWriter::Finish() {
   }
   if (!(frames == sampleCount && frames != 0)) {
     SetSizes(frames * blockAlign);
+    // The header goes straight to the files: what is still gathered for them goes first.
+    if (!HandOverBatches()) return false;
     for (auto& up : upStreams) {
       UpStreamRef target;
       ISeekableUpStream* seekable = FindSeekable(up, target);

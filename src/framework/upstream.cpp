@@ -10,21 +10,32 @@ namespace sonvex {
 
 TUpStream::TUpStream() = default;
 
+namespace {
+
+// A batch goes to the workers when it holds this many bytes or this many blocks, whichever comes
+// first: about one thread switch per MiB, and a bound on the bookkeeping for tiny frames.
+constexpr size_t kBatchBytes = 1 << 20;
+constexpr size_t kBatchBlocks = 4096;
+
+}  // namespace
+
 TUpStream::~TUpStream() {
   if (!fanOut.empty()) {
-    sendData = nullptr;
-    sendSize = 0;
+    WaitForWorkers();
+    stopWorkers = true;
     for (auto& record : fanOut) record->wakeEvent.Set();
     for (auto& record : fanOut)
       if (record->thread.joinable()) record->thread.join();
   }
 }
 
-// Send with fewer than two upstreams runs on the caller's thread. With two or more, each upstream
-// has a worker thread: the block is published in send*, every worker is woken, and Send waits
-// until every worker has signalled that it is done with the block. Workers are created on the
-// first parallel Send and live as long as the stage. On this path `isHeader` reaches the upstreams
-// as false.
+// Send with fewer than two upstreams runs on the caller's thread. With two or more, the block is
+// copied into the batch being filled, together with its position and flush flag, and Send
+// returns: the block belongs to the sender again. A full batch, and one that ends with a flush,
+// is handed to the workers (HandOverBatch) while the next one fills. Each upstream has a worker
+// thread that writes the blocks of a batch to it in order, so every upstream sees exactly the
+// calls it would have seen one block at a time. On this path `isHeader` reaches the upstreams as
+// false. A non-optional upstream that fails sets branchFailed; the next Send returns false.
 bool TUpStream::Send(bool isHeader, const uint8_t* data, uint32_t size, int64_t position,
                      bool flush) {
   if (upStreams.size() < 2) {
@@ -34,19 +45,27 @@ bool TUpStream::Send(bool isHeader, const uint8_t* data, uint32_t size, int64_t 
       return false;
     return true;
   }
-  if (size == 0) {
-    // A flush without data would end the workers; it is handed on serially instead.
-    bool result = true;
-    for (uint32_t i = 0; i < upStreams.size(); i++)
-      if (!upStreams[i]->Write(SenderIdFor(i), false, data, 0, position, flush) &&
-          !upStreams[i]->IsOptional())
-        result = false;
-    return result;
-  }
-  sendData = data;
-  sendSize = size;
-  sendPosition = position;
-  sendFlush = flush;
+  if (branchFailed.load(std::memory_order_acquire)) return false;
+  FanOutBatch& batch = batches[fillBatch];
+  batch.entries.push_back({batch.bytes.size(), size, position, flush});
+  if (size) batch.bytes.insert(batch.bytes.end(), data, data + size);
+  if (flush || batch.bytes.size() >= kBatchBytes || batch.entries.size() >= kBatchBlocks)
+    return HandOverBatch();
+  return true;
+}
+
+// Waits until the workers are done with the batch they have, then gives them the one that was
+// filling. Workers are created on the first hand-over and live as long as the stage.
+bool TUpStream::HandOverBatch() {
+  WaitForWorkers();
+  if (branchFailed.load(std::memory_order_acquire)) return false;
+  if (batches[fillBatch].entries.empty()) return true;
+  fillBatch ^= 1;
+  FanOutBatch& next = batches[fillBatch];
+  next.bytes.clear();
+  next.entries.clear();
+  if (next.bytes.capacity() == 0) next.bytes.reserve(kBatchBytes + (kBatchBytes >> 2));
+  workersBusy = true;
   if (fanOut.empty()) {
     for (uint32_t i = 0; i < upStreams.size(); i++) {
       auto record = std::make_unique<FanOutRecord>();
@@ -55,33 +74,49 @@ bool TUpStream::Send(bool isHeader, const uint8_t* data, uint32_t size, int64_t 
       fanOut.push_back(std::move(record));
     }
     for (auto& record : fanOut) record->thread = std::thread(FanOutWorker, record.get());
-  } else {
-    for (auto& record : fanOut) {
-      record->result = false;
-      record->wakeEvent.Set();
-    }
   }
-  for (auto& record : fanOut) record->doneEvent.Wait();
-  bool result = true;
-  for (auto& record : fanOut) {
-    record->doneEvent.Reset();
-    if (result) {
-      const UpStreamRef up = record->index < upStreams.size() ? upStreams[record->index] : nullptr;
-      result = record->result || (up && up->IsOptional());
-    }
-  }
-  return result;
+  for (auto& record : fanOut) record->wakeEvent.Set();
+  return true;
 }
 
+void TUpStream::WaitForWorkers() {
+  if (!workersBusy) return;
+  for (auto& record : fanOut) {
+    record->doneEvent.Wait();
+    record->doneEvent.Reset();
+  }
+  workersBusy = false;
+}
+
+bool TUpStream::HandOverBatches() {
+  if (fanOut.empty() && batches[fillBatch].entries.empty())
+    return !branchFailed.load(std::memory_order_acquire);
+  HandOverBatch();
+  WaitForWorkers();
+  return !branchFailed.load(std::memory_order_acquire);
+}
+
+// The worker of one upstream: writes every block of the handed batch, in order. Once a
+// non-optional upstream has failed, the pass is lost: the rest of the batch is skipped.
 void TUpStream::FanOutWorker(FanOutRecord* record) {
   TUpStream* owner = record->owner;
-  while (owner->sendSize > 0) {
-    const UpStreamRef& up = owner->upStreams[record->index];
-    record->result = up->Write(owner->SenderIdFor(record->index), false, owner->sendData,
-                               owner->sendSize, owner->sendPosition, owner->sendFlush);
-    record->doneEvent.Set();
+  while (true) {
     record->wakeEvent.Wait();
     record->wakeEvent.Reset();
+    if (owner->stopWorkers) return;
+    const FanOutBatch& batch = owner->batches[owner->fillBatch ^ 1];
+    if (record->index < owner->upStreams.size()) {
+      const UpStreamRef& up = owner->upStreams[record->index];
+      const SenderId id = owner->SenderIdFor(record->index);
+      for (const FanOutBatch::Entry& entry : batch.entries) {
+        if (owner->branchFailed.load(std::memory_order_relaxed)) break;
+        const uint8_t* data = entry.size ? batch.bytes.data() + entry.offset : nullptr;
+        if (!up->Write(id, false, data, entry.size, entry.position, entry.flush) &&
+            !up->IsOptional())
+          owner->branchFailed.store(true, std::memory_order_release);
+      }
+    }
+    record->doneEvent.Set();
   }
 }
 
@@ -130,6 +165,7 @@ UpStreamRef TUpStream::UpStream() const { return upStreams.size() == 1 ? upStrea
 // Silence, log prefix and delays set earlier are replayed to the new upstreams.
 void TUpStream::SetUpStreams(const std::vector<UpStreamRef>& list) {
   if (!valid) return;
+  HandOverBatches();
   for (size_t i = 0; i < upStreams.size(); i++)
     if (upStreams[i]) upStreams[i]->LinkDownStream(SenderIdFor(uint32_t(i)), false);
   upStreams.clear();
@@ -197,6 +233,9 @@ void TUpStream::SetOptional(bool value) {
 // ends the walk with false; a failing upstream ends it with false unless it is optional.
 template <class Call>
 bool TUpStream::NotifyAll(Call call) {
+  // The blocks still gathered for the workers reach the upstreams first; after a failed branch
+  // the pass is over and nobody is told more.
+  if (!HandOverBatches()) return false;
   bool result = !upStreams.empty();
   for (auto& up : upStreams) {
     if (!up) return false;
@@ -236,6 +275,7 @@ bool TUpStream::FinishUpStreams() {
 
 void TUpStream::BroadcastDelay(int32_t index, int32_t milliseconds) {
   if (keepsDelay) return;
+  HandOverBatches();
   for (auto& up : upStreams) {
     if (!up) return;
     up->SetDelay(index, milliseconds);
@@ -243,6 +283,7 @@ void TUpStream::BroadcastDelay(int32_t index, int32_t milliseconds) {
 }
 
 void TUpStream::BroadcastSeam(bool before, int64_t jump) {
+  HandOverBatches();
   for (auto& up : upStreams)
     if (up) up->NotifySeam(before, jump);
 }

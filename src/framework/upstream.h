@@ -11,10 +11,12 @@
 // Write call only: no stage may keep the pointer after Write returns.
 //
 // Threads: everything runs on the caller's thread down to the first stage with two or more
-// upstreams. There, Send hands the block to one worker thread per upstream and waits until all
-// are done with it, so branches overlap on one block and never across blocks.
+// upstreams. There, Send copies the block into a batch of about 1 MiB and hands full batches to
+// one worker thread per upstream, while the sender fills the next batch. Every upstream receives
+// the same calls, in the same order, as if each block had been written to it at once.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -97,9 +99,15 @@ public:
   TUpStream(const TUpStream&) = delete;
   TUpStream& operator=(const TUpStream&) = delete;
 
-  // Slot 0: hands a block to all upstreams; in parallel when there are two or more.
+  // Slot 0: hands a block to all upstreams; in parallel and in batches when there are two or
+  // more.
   virtual bool Send(bool isHeader, const uint8_t* data, uint32_t size, int64_t position,
                     bool flush);
+  // With two or more upstreams: hands the blocks that Send has gathered to the workers and waits
+  // until every upstream has written them. False if a non-optional upstream failed. The Notify
+  // walk, FinishUpStreams and the delay and seam broadcasts call it first; a stage that reaches
+  // its upstreams in another way (a seek in the file behind it) calls it itself.
+  bool HandOverBatches();
 
   bool IsValid() const override { return valid; }
   void LinkDownStream(SenderId id, bool add) override;
@@ -211,8 +219,19 @@ private:
     TUpStream* owner = nullptr;
     uint32_t index = 0;
     Event wakeEvent, doneEvent;
-    bool result = false;
     std::thread thread;
+  };
+  // Blocks copied for the workers: the bytes one behind the other, and for each block where it
+  // starts, its size, position and flush flag.
+  struct FanOutBatch {
+    struct Entry {
+      size_t offset;
+      uint32_t size;
+      int64_t position;
+      bool flush;
+    };
+    std::vector<uint8_t> bytes;
+    std::vector<Entry> entries;
   };
   struct Buffer {
     std::unique_ptr<uint8_t[]> address;
@@ -222,12 +241,15 @@ private:
   template <class Call>
   bool NotifyAll(Call call);
   static void FanOutWorker(FanOutRecord* record);
+  bool HandOverBatch();
+  void WaitForWorkers();
 
   std::vector<std::unique_ptr<FanOutRecord>> fanOut;
-  const uint8_t* sendData = nullptr;
-  uint32_t sendSize = 0;
-  int64_t sendPosition = 0;
-  bool sendFlush = false;
+  FanOutBatch batches[2];
+  uint32_t fillBatch = 0;          // the batch Send fills; the other one is the workers'
+  bool workersBusy = false;        // a batch was handed over and not yet waited for
+  bool stopWorkers = false;
+  std::atomic<bool> branchFailed{false};  // a non-optional upstream returned false
   std::vector<Buffer> buffers;
 };
 

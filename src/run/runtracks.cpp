@@ -249,6 +249,8 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
 
   std::vector<UpStreamRef> heads;
   std::vector<std::vector<UpStreamRef>> stripStages(options.actions.size());
+  // The reader of each video action, by track number: it counts the frames of its track.
+  std::vector<std::pair<int32_t, UpStreamRef>> videoReaders;
   for (size_t i = 0; i < options.actions.size(); i++) {
     TAction& action = options.actions[i];
     const TTrackRef& ref = refs[i];
@@ -312,6 +314,7 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
       if (!head->AppendUpStream(readers.head) ||
           !head->AppendUpStream(TDestFile::Create(action.dest)))
         return false;
+      videoReaders.push_back({action.track, readers.head});
     } else if (containerTag == "evo" || containerTag == "vob") {
       // The EVO head ends in the subtitle reader, which makes the SUP stream.
       if (!head->AppendUpStream(TDestFile::Create(action.dest))) return false;
@@ -322,7 +325,9 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
     heads.push_back(head);
   }
 
-  // Silent side branches count the frames of every video track.
+  // Silent side branches count the frames of every video track that no action reads. The
+  // readers count every frame whatever the action's options, so a track that an action reads
+  // is counted by that action's reader, and not demuxed and parsed a second time.
   struct SideBranch {
     int32_t videoIndex;
     UpStreamRef reader;
@@ -331,6 +336,12 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
   int32_t videoCount = info.container ? info.container->VideoCount()
                                       : (info.videoDetails && info.videoDetails->IsValid() ? 1 : 0);
   for (int32_t v = 0; v < videoCount; v++) {
+    auto read = std::find_if(videoReaders.begin(), videoReaders.end(),
+                             [&](const auto& entry) { return entry.first == info.trackBase + 1 + v; });
+    if (read != videoReaders.end()) {
+      sides.push_back({v, read->second});
+      continue;
+    }
     TTrackRef ref = FindTrack(info, info.trackBase + 1 + v);
     auto details = trackVideo(ref);
     UpStreamRef head = info.container ? MakeContainerHead(containerTag, ref, options, TAction{})

@@ -63,6 +63,24 @@ TEST(Flac, CorpusFlacDecodesAsFfmpegDoes) {
   }
 }
 
+// The decoder gathers what it is written and hands about 1 MiB at a time to libFLAC's thread:
+// pieces of any size, across and within those hand-overs, decode to the same samples.
+TEST(FlacDecoderThreads, PiecesOfAnySizeDecodeAsFfmpegDoes) {
+  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  const auto flac = ReadFile(CorpusPath("gen/flac_51_24.flac"));
+  ASSERT_GT(flac.size(), size_t(2) << 20) << "the stream must span several hand-overs";
+  const auto reference = FfmpegDecode(CorpusPath("gen/flac_51_24.flac"), "s24le");
+  for (size_t piece : {size_t(7), size_t(16384), size_t(1) << 20, (size_t(1) << 20) + 1,
+                       flac.size()}) {
+    bool ok = false;
+    auto capture = DecodeFlac(flac, piece, ok);
+    ASSERT_TRUE(ok) << piece;
+    EXPECT_EQ(capture->finished, 1);
+    EXPECT_TRUE(SamplesMatch(capture->bytes, reference, 3, 0, 6)) << piece;
+  }
+}
+
 TEST(Flac, MetadataOfTheSourceIsCarriedOver) {
   SKIP_WITHOUT_CORPUS();
   SKIP_WITHOUT_TOOL("metaflac");

@@ -34,6 +34,7 @@ TEST(Fanout, EveryBranchGetsIdenticalBytesAndTheResultsCombine) {
     uint32_t n = uint32_t(std::min<size_t>(1000, data.size() - at));
     ASSERT_TRUE(head->Write(0, true, data.data() + at, n, int64_t(at), false));
   }
+  ASSERT_TRUE(head->HandOverBatches());
   for (auto& end : ends) {
     EXPECT_EQ(end->bytes, data);
     // With several upstreams, isHeader reaches each as false.
@@ -42,10 +43,11 @@ TEST(Fanout, EveryBranchGetsIdenticalBytesAndTheResultsCombine) {
   // Each upstream saw its own sender id: the head's address plus its index.
   EXPECT_EQ(ends[2]->senders.front(), head->SenderIdFor(2));
 
+  // A block is gathered when Send returns; a failure shows at the hand-over and stays.
   ends[1]->acceptWrites = false;
-  EXPECT_FALSE(head->Write(0, false, data.data(), 10, -1, false));
-  ends[1]->SetOptional(true);
   EXPECT_TRUE(head->Write(0, false, data.data(), 10, -1, false));
+  EXPECT_FALSE(head->HandOverBatches());
+  EXPECT_FALSE(head->Write(0, false, data.data(), 10, -1, false));
 }
 
 TEST(Fanout, OneUpstreamKeepsHeaderFlagAndNoUpstreamFails) {
