@@ -314,12 +314,13 @@ bool TMainRun::AssignTracks() {
 }
 
 void TMainRun::AfterGoodPass(const TPassResult& pass) {
+  // Twins are settled only where the pass made them (a decided bit depth).
   for (TAction& action : options.actions) {
-    action.dest = TidyFileName(action.dest);
+    if (!action.decidedBits) continue;
     if (action.fileCount > 0) {
       for (int32_t index = 0; index < action.fileCount; index++)
         FinishOutputs(action.dest, action.decidedBits, index, action.fileCount);
-    } else if (action.decidedBits) {
+    } else {
       FinishOutputs(action.dest, action.decidedBits, 0, 0);
     }
   }
