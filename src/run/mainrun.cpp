@@ -419,6 +419,8 @@ int TMainRun::Execute(int argc, char** argv) {
   }
   exitCode = 1;
   bool parsed = ParseCommandLine(rawLine, options);
+  // Names are tidied once, before anything is created under them.
+  for (TAction& action : options.actions) action.dest = TidyFileName(action.dest);
   if (parsed) {
     InstallCrashHook();
     bool go = true;
