@@ -120,5 +120,20 @@ TEST_F(SettledOutputs, EveryCreatedFileIsThereUnderItsSettledName) {
   }
 }
 
+// The help text lists W64 among the sources: a Sony Wave64 file from ffmpeg is detected and read
+// like WAV, sample for sample.
+TEST_F(SettledOutputs, Wave64SourceIsReadLikeWav) {
+  TempDir dir;
+  RunShell("ffmpeg -v error -f lavfi -i 'sine=f=440:r=48000:d=1' -ac 2 -c:a pcm_s24le -f w64 a.w64",
+           dir.path());
+  RunResult run = RunSonvex({"a.w64", "w.wav"}, dir.path());
+  ASSERT_EQ(run.exitCode, 0) << run.out;
+  EXPECT_EQ(run.Lines().at(0), "WAV, 2.0 channels, 0:00:01, 24 bits, 48khz");
+  auto md5 = [&](const std::string& file) {
+    return RunShell("ffmpeg -v error -i " + file + " -f s24le - | md5sum", dir.path()).out;
+  };
+  EXPECT_EQ(md5("w.wav"), md5("a.w64"));
+}
+
 }  // namespace
 }  // namespace sonvex::test
