@@ -96,8 +96,8 @@ TEST_F(SettledOutputs, EveryCreatedFileIsThereUnderItsSettledName) {
                                                            : arg);
     std::string what = c.args[0] + " " + c.args[1];
     RunResult run = RunSonvex(args, dir.path());
-    ASSERT_EQ(run.exitCode, 0) << what << "\n" << run.out << run.err;
-    ASSERT_TRUE(run.HasLine("Done.")) << what;
+    EXPECT_EQ(run.exitCode, 0) << what << "\n" << run.out << run.err;
+    EXPECT_TRUE(run.HasLine("Done.")) << what;
     auto created = CreatedNames(run);
     EXPECT_FALSE(created.empty()) << what;
     for (const std::string& name : created)
@@ -114,8 +114,8 @@ TEST_F(SettledOutputs, EveryCreatedFileIsThereUnderItsSettledName) {
                                  dir.path());
       std::string fmt = probe.out.substr(0, probe.out.find('\n'));
       size_t comma = fmt.find(',');
-      ASSERT_NE(comma, std::string::npos) << what << ": " << probe.out << probe.err;
-      EXPECT_EQ(fmt.substr(comma + 1) + "/" + fmt.substr(0, comma), c.probe) << what;
+      EXPECT_NE(comma, std::string::npos) << what << ": " << probe.out << probe.err;
+      if (comma != std::string::npos) EXPECT_EQ(fmt.substr(comma + 1) + "/" + fmt.substr(0, comma), c.probe) << what;
     }
   }
 }
