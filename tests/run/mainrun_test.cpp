@@ -134,6 +134,7 @@ TEST(MainRun, MkvSideActionsAreAddedWithoutReadingFreedMemory) {
   EXPECT_LE(r.exitCode, 1) << r.out << r.err;
   EXPECT_EQ(r.out.find("sonvex crashed..."), std::string::npos);
   EXPECT_EQ(r.err.find("sonvex crashed..."), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("AddressSanitizer"), std::string::npos) << r.err;
   EXPECT_TRUE(r.HasLine("Track 1 is used for destination file \"out.mkv\".")) << r.out;
 }
 
