@@ -118,12 +118,18 @@ std::vector<TGapEntry> TGapTracker::ReportedEntries(int64_t framesChecked,
 bool TGapTracker::Finish(IUpStream& logger, const std::string& fileName, int64_t framesChecked,
                          const TFrameClock& clock, int64_t minGap, int64_t minOverlap,
                          int32_t delayMs) {
+  // The gap file of a "%check%" destination is written as little as the destination itself:
+  // the steps are only reported.
+  std::string prefix = fileName.substr(0, 7);
+  for (char& c : prefix) c = char(std::tolower(uint8_t(c)));
+  const bool write = prefix != "%check%";
   std::error_code error;
-  std::filesystem::remove(fileName, error);
+  if (write) std::filesystem::remove(fileName, error);
   std::vector<TGapEntry> list = ReportedEntries(framesChecked, clock, minGap, minOverlap);
   if (list.empty()) return true;
-  std::ofstream file(fileName, std::ios::binary | std::ios::trunc);
-  if (!file) {
+  std::ofstream file;
+  if (write) file.open(fileName, std::ios::binary | std::ios::trunc);
+  if (write && !file) {
     logger.Log(2, "Creating the audio gap description file failed.");
     return false;
   }
@@ -140,6 +146,7 @@ bool TGapTracker::Finish(IUpStream& logger, const std::string& fileName, int64_t
       logger.Log(1, "Audio overlaps for " + std::to_string((5000 - step) / kTicksPerMs) +
                         "ms at playtime " + at + ".");
   }
+  if (!write) return true;
   logger.Log(1, "The audio file was demuxed without making use of the gap/overlap information.");
   logger.Log(1, "Please rerun the same sonvex command line. That will correct the gaps/overlaps.");
   std::string blob = GapBlobFromEntries(list);

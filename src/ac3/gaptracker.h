@@ -58,6 +58,7 @@ public:
   // last 30 seconds of the stream has a drift of at least `minGap` (or at most -`minOverlap`),
   // logs every step through `logger`, hands the records to its SetGapData and writes the file.
   // `framesChecked` x clock gives the stream's length; `delayMs` is added to every time.
+  // A `fileName` beginning with "%check%" (a check run) reports the steps and writes nothing.
   // Returns false only when the file could not be written.
   bool Finish(IUpStream& logger, const std::string& fileName, int64_t framesChecked,
               const TFrameClock& clock, int64_t minGap, int64_t minOverlap, int32_t delayMs);

@@ -16,6 +16,17 @@ constexpr uint8_t kPcmGuid[16] = {0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00
 // A fmt chunk is small; anything bigger than this is not a format we read.
 constexpr uint32_t kMaxFmtChunk = 0x10000;
 
+// Sony Wave64: the chunk tags are GUIDs, the sizes 64 bits and include the 24 bytes of the chunk
+// header, and chunks start on 8-byte boundaries. The "riff" GUID, and the tail that the GUIDs of
+// "wave", "fmt " and "data" share behind their four letters.
+constexpr uint8_t kW64Riff[16] = {'r',  'i',  'f',  'f',  0x2E, 0x91, 0xCF, 0x11,
+                                  0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00};
+constexpr uint8_t kW64Tail[12] = {0xF3, 0xAC, 0xD3, 0x11, 0x8C, 0xD1,
+                                  0x00, 0xC0, 0x4F, 0x8E, 0xDB, 0x8A};
+// The "data" size of a header written before the length was known: ours (256 below 2^32) and
+// the usual 0xFFFFFFFF. Such a file is read by its real length.
+bool OpenEnded(uint32_t length) { return length == 0xFFFFFF00 || length == 0xFFFFFFFF; }
+
 }  // namespace
 
 bool TWavReader::InitAudio(const std::string& format, uint32_t inChannels, uint32_t inBits,
@@ -31,6 +42,19 @@ bool TWavReader::InitAudio(const std::string& format, uint32_t inChannels, uint3
 bool TWavReader::ParseHeader() {
   if (!riffSeen) {
     if (BufferFill(0) < 12) return true;
+    const uint8_t* p = BufferData(0);
+    if (std::memcmp(p, kW64Riff, 12) == 0) {
+      if (BufferFill(0) < 40) return true;
+      if (std::memcmp(p, kW64Riff, 16) != 0 || std::memcmp(p + 24, "wave", 4) != 0 ||
+          std::memcmp(p + 28, kW64Tail, 12) != 0)
+        return Fail("This doesn't seem to be a valid WAV file.");
+      w64 = true;
+      riffSeen = true;
+      headerBytes = 40;
+      RemoveData(0, 40);
+    }
+  }
+  if (!riffSeen) {
     const uint8_t* p = BufferData(0);
     bool wave = std::memcmp(p + 8, "WAVE", 4) == 0;
     if (std::memcmp(p, "RIFX", 4) == 0 && wave) {
@@ -52,36 +76,51 @@ bool TWavReader::ParseHeader() {
     skipPending -= drop;
     if (skipPending) return true;
   }
-  while (BufferFill(0) >= 8) {
+  const uint32_t chunkHeader = w64 ? 24 : 8;
+  while (BufferFill(0) >= chunkHeader) {
     const uint8_t* p = BufferData(0);
-    uint32_t length = Le32(p + 4);
-    if (std::memcmp(p, "data", 4) == 0) {
+    uint64_t length = Le32(p + 4);
+    if (w64) {
+      uint64_t whole = Le64(p + 16);
+      if (whole < 24) return Fail("This doesn't seem to be a valid WAV file.");
+      length = whole - 24;
+    }
+    bool tagged = !w64 || std::memcmp(p + 4, kW64Tail, 12) == 0;
+    if (tagged && std::memcmp(p, "data", 4) == 0) {
       if (!fmtSeen) return Fail("The WAV file header seems to be incomplete.");
       dataStarted = true;
-      headerBytes += 8;
-      RemoveData(0, 8);
+      headerBytes += chunkHeader;
+      RemoveData(0, chunkHeader);
       const uint64_t frameBytes = uint64_t(channels) * (bits / 8);
+      const uint64_t rest = streamBytes > headerBytes ? streamBytes - headerBytes : 0;
       if (rf64 && ds64Seen && length == 0xFFFFFFFF)
         sampleCount = ds64DataSize / frameBytes;
-      else if (streamBytes >= 0x80000000ull)
-        sampleCount = (streamBytes > headerBytes ? streamBytes - headerBytes : 0) / frameBytes;
+      else if (w64)
+        sampleCount = (streamBytes ? std::min(length, rest) : length) / frameBytes;
+      else if (streamBytes >= 0x80000000ull || (streamBytes && OpenEnded(uint32_t(length))))
+        sampleCount = rest / frameBytes;
+      else if (OpenEnded(uint32_t(length)))
+        sampleCount = ~uint64_t(0) / frameBytes;  // a pipe: everything that comes
       else
-        sampleCount = length / uint32_t(frameBytes);
+        sampleCount = length / frameBytes;
       remaining = sampleCount * frameBytes;
+      if (sampleCount == ~uint64_t(0) / frameBytes) sampleCount = 0;  // announced as unknown
       return true;
     }
-    bool isFmt = std::memcmp(p, "fmt ", 4) == 0;
+    bool isFmt = tagged && std::memcmp(p, "fmt ", 4) == 0;
     bool isDs64 = rf64 && std::memcmp(p, "ds64", 4) == 0;
     if (isFmt || isDs64) {
       // These chunks are read in full, so they wait until all of them is here.
       if (length > kMaxFmtChunk) return Fail("This WAV file format is currently not supported.");
-      if (BufferFill(0) < length + 8) return true;
+      if (BufferFill(0) < length + chunkHeader) return true;
       if (isDs64 && length >= 16) {
         ds64DataSize = Le64(p + 16);
         ds64Seen = true;
       }
       if (isFmt) {
         if (length < 16) return Fail("This WAV file format is currently not supported.");
+        // The fields are read at their RIFF places: a W64 chunk header is 16 bytes longer.
+        p += chunkHeader - 8;
         uint16_t tag = Le16(p + 8);
         channels = Le16(p + 10);
         sampleRate = Le32(p + 12);
@@ -99,8 +138,8 @@ bool TWavReader::ParseHeader() {
     } else if (BufferFill(0) < length) {
       return true;
     }
-    // Odd chunk lengths are taken as they stand: no pad byte is skipped.
-    uint64_t whole = uint64_t(length) + 8;
+    // Odd chunk lengths are taken as they stand: no pad byte is skipped. W64 chunks are aligned.
+    uint64_t whole = w64 ? (length + 24 + 7) / 8 * 8 : length + 8;
     headerBytes += whole;
     uint32_t drop = uint32_t(std::min<uint64_t>(whole, BufferFill(0)));
     RemoveData(0, drop);

@@ -1,5 +1,5 @@
-// TWavReader: parses a RIFF/WAVE (or RF64) header, tells PCM from DTS carried in a WAV, and sends
-// the payload on.
+// TWavReader: parses a RIFF/WAVE, RF64 or Sony Wave64 header, tells PCM from DTS carried in a
+// WAV, and sends the payload on.
 #pragma once
 
 #include "framework/upstream.h"
@@ -29,6 +29,7 @@ private:
   uint64_t remaining = 0;  // payload bytes still to send
   bool riffSeen = false;
   bool rf64 = false;
+  bool w64 = false;
   uint32_t riffSize = 0;
   bool fmtSeen = false;
   bool dataStarted = false;

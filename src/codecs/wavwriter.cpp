@@ -91,15 +91,17 @@ bool TWavWriter::InitAudio(const std::string& format, uint32_t channels, uint32_
   blockAlign = channels * bytes;
   headerSize = extensible ? 68 : 44;
   // Data that can't be sized in 32 bits is written as RF64: the same header with a ds64 chunk
-  // between "WAVE" and "fmt ".
+  // between "WAVE" and "fmt ". When the length isn't known yet, a "JUNK" chunk of the same size
+  // holds that place, so that the end can still turn the header into RF64.
   const uint64_t announcedBytes = sampleCount * blockAlign;
   rf64 = announcedBytes > 0xFFFFFFFFull;
-  const uint32_t at = rf64 ? kDs64ChunkSize : 0;
+  reserved = rf64 || sampleCount == 0;
+  const uint32_t at = reserved ? kDs64ChunkSize : 0;
   std::memset(header, 0, sizeof(header));
   std::memcpy(header, rf64 ? "RF64" : "RIFF", 4);
   std::memcpy(header + 8, "WAVE", 4);
-  if (rf64) {
-    std::memcpy(header + 12, "ds64", 4);
+  if (reserved) {
+    std::memcpy(header + 12, rf64 ? "ds64" : "JUNK", 4);
     Put32(header + 16, 28);
   }
   std::memcpy(header + at + 12, "fmt ", 4);
@@ -150,6 +152,14 @@ bool TWavWriter::Finish() {
     frames++;
   }
   if (!(frames == sampleCount && frames != 0)) {
+    // Past 4 GiB the reserved room becomes the ds64 chunk of an RF64 header.
+    if (reserved && !rf64 && frames * blockAlign + headerSize - 8 > 0xFFFFFFFFull) {
+      rf64 = true;
+      std::memcpy(header, "RF64", 4);
+      std::memcpy(header + 12, "ds64", 4);
+      Put32(header + 4, 0xFFFFFFFF);
+      Put32(header + headerSize - 4, 0xFFFFFFFF);
+    }
     SetSizes(frames * blockAlign);
     // The header goes straight to the files: what is still gathered for them goes first.
     if (!HandOverBatches()) return false;

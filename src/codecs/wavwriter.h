@@ -39,6 +39,7 @@ private:
   uint32_t blockAlign = 0;
   uint8_t header[68 + 36] = {};
   bool rf64 = false;
+  bool reserved = false;  // the header holds room for a ds64 chunk (RF64 or "JUNK")
   uint32_t headerSize = 0;
 };
 

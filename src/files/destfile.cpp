@@ -1,8 +1,8 @@
 // TDestFile and the helpers for indexed and twin output names.
 #include "files/destfile.h"
 
+#include <map>
 #include <mutex>
-#include <set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,6 +13,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <string_view>
 
 namespace sonvex {
@@ -80,18 +81,33 @@ namespace {
 // The files this process has created. After a failed pass only these are removed: a name that
 // stood for an existing file the run never wrote (a source given by mistake as a destination)
 // is left alone.
+// Each is kept under the name it was asked for, with the name it got (a delay can be in it).
 std::mutex createdLock;
-std::set<std::string> createdFiles;
+std::map<std::string, std::string> createdFiles;
 
-void NoteCreated(const std::string& name) {
+void NoteCreated(const std::string& asked, const std::string& made) {
   std::lock_guard<std::mutex> guard(createdLock);
-  createdFiles.insert(name);
+  createdFiles[asked] = made;
 }
 
-bool RemoveCreated(const std::string& name) {
+bool RemoveCreated(const std::string& asked) {
   std::lock_guard<std::mutex> guard(createdLock);
-  if (!createdFiles.erase(name)) return false;
-  return std::remove(name.c_str()) == 0;
+  auto found = createdFiles.find(asked);
+  if (found == createdFiles.end()) return false;
+  bool removed = std::remove(found->second.c_str()) == 0;
+  createdFiles.erase(found);
+  return removed;
+}
+
+// The name a file asked for as `asked` got, and forgets it: the file is handed over. Empty if
+// this process didn't create it.
+std::string TakeCreated(const std::string& asked) {
+  std::lock_guard<std::mutex> guard(createdLock);
+  auto found = createdFiles.find(asked);
+  if (found == createdFiles.end()) return {};
+  std::string made = found->second;
+  createdFiles.erase(found);
+  return made;
 }
 
 }  // namespace
@@ -100,12 +116,13 @@ void NoteCreatedFile(const std::string& name) { NoteCreated(name); }
 
 void DeleteCreatedFiles() {
   std::lock_guard<std::mutex> guard(createdLock);
-  for (const std::string& name : createdFiles) std::remove(name.c_str());
+  for (const auto& [asked, made] : createdFiles) std::remove(made.c_str());
   createdFiles.clear();
 }
 
 bool TDestFile::OpenFile() {
   Log(0, "Creating file \"" + name + "\"...");
+  const std::string asked = name;
   int32_t delay = DelaySum();
   if (delay != 0) {
     std::string stem = StripExtension(name);
@@ -125,7 +142,7 @@ bool TDestFile::OpenFile() {
     }
   }
   if (handle < 0) return Fail("The destination file \"" + name + "\" could not be created.");
-  if (!isStdout) NoteCreated(name);
+  if (!isStdout) NoteCreated(asked, name);
   return true;
 }
 
@@ -219,17 +236,28 @@ bool RenameOutput(const std::string& from, const std::string& to, int32_t index,
                      IndexedName(to, index, count).c_str()) == 0;
 }
 
-void FinishOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count) {
-  const std::string twin24 = InsertBeforeExtension(name, ".24bit");
-  const std::string twin16 = InsertBeforeExtension(name, ".16bit");
-  DeleteOutput(name, index, count);
-  if (bits != 16) {
-    DeleteOutput(twin16, index, count);
-    RenameOutput(twin24, name, index, count);
-  } else {
-    DeleteOutput(twin24, index, count);
-    RenameOutput(twin16, name, index, count);
-  }
+std::string FinishOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count) {
+  const std::string plain = IndexedName(name, index, count);
+  const std::string twin24 = IndexedName(InsertBeforeExtension(name, ".24bit"), index, count);
+  const std::string twin16 = IndexedName(InsertBeforeExtension(name, ".16bit"), index, count);
+  const std::string& wanted = bits != 16 ? twin24 : twin16;
+  const std::string& other = bits != 16 ? twin16 : twin24;
+  if (!RemoveCreated(other)) std::remove(other.c_str());
+  std::string made = TakeCreated(wanted);
+  std::error_code error;
+  if (made.empty() && std::filesystem::exists(wanted, error)) made = wanted;
+  // Without the wanted twin there is nothing to settle, and the plain name is left alone.
+  if (made.empty()) return {};
+  // What the file took into its name beyond the asked name (" DELAY 100ms") goes into the plain
+  // name at the same place, ahead of the extension.
+  const std::string stem = StripExtension(wanted);
+  std::string taken;
+  if (made.size() > wanted.size() && made.compare(0, stem.size(), stem) == 0)
+    taken = made.substr(stem.size(), made.size() - wanted.size());
+  const std::string settled = InsertBeforeExtension(plain, taken);
+  std::remove(settled.c_str());
+  if (std::rename(made.c_str(), settled.c_str()) != 0) return {};
+  return settled;
 }
 
 void DeleteOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count) {

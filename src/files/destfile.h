@@ -64,8 +64,10 @@ std::string StripExtension(const std::string& name);
 std::string IndexedName(const std::string& name, int32_t index, int32_t count);
 bool DeleteOutput(const std::string& name, int32_t index, int32_t count);
 bool RenameOutput(const std::string& from, const std::string& to, int32_t index, int32_t count);
-// Keeps the twin that fits the bit depth under the plain name and deletes the other.
-void FinishOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count);
+// Keeps the twin that fits the bit depth under the plain name and deletes the other; a delay the
+// twin took into its name stays in the plain name ("a.24bit DELAY 100ms.wav" becomes
+// "a DELAY 100ms.wav"). Returns the settled name, empty if this process made no such twin.
+std::string FinishOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count);
 // Deletes the twins (bits not 0) or the plain file.
 void DeleteOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count);
 // Notes a file that another writer of this process has created, so that a failed pass removes it.

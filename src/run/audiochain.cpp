@@ -246,8 +246,8 @@ bool BuildThdInput(const UpStreamRef& chain, const IAudioFormatDetails& details,
       TThdReader::Create(build.gapFileName, build.gapList, toAc3, false));
   if (!ok || (interleaved && IsCheckName(action.dest))) return ok;
   if (toAc3) {
-    ok = chain->AppendUpStream(TThdAc3Extractor::Create()) &&
-         chain->AppendUpStream(TAc3DialnormRemover::Create());
+    ok = chain->AppendUpStream(TThdAc3Extractor::Create());
+    if (ok && !action.keepDialnorm) ok = chain->AppendUpStream(TAc3DialnormRemover::Create());
     if (ok && untouched) {
       UpStreamRef realizer;
       if (!build.gapList.empty())

@@ -230,10 +230,11 @@ bool BuildDecodedOutputs(const UpStreamRef& chain,
   block.bits = details->Bits();
   block.sampleRate = details->SampleRate();
   const std::string ext = ExtensionOf(action.dest);
-  // A stream known to be 16 bits needs no twin: the stripper only takes 24-bit input.
+  // Twins exist only for 24-bit data (a depth not known yet is decoded to 24 bits): the stripper
+  // takes nothing else, and a stream of 16 bits or fewer goes straight to one output.
   const bool toStdout = Lower(std::filesystem::path(action.dest).stem().string()) == "stdout";
   // Only decoded streams get twins; PCM that was never decoded keeps its depth.
-  if (!build.decoded || !IsLossless(ext) || toStdout || block.bits == 16 ||
+  if (!build.decoded || !IsLossless(ext) || toStdout || (block.bits && block.bits <= 16) ||
       action.bits != 0 || action.reduceTo != 0) {
     block.bits = block.bits ? std::min(block.bits, 24u) : 24;
     return BuildAudioOutput(chain, block, action, "", build);

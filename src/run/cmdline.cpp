@@ -259,10 +259,15 @@ std::string RawCommandLine(int argc, char** argv) {
   for (int i = 0; i < argc; i++) {
     std::string arg = argv[i];
     if (i) line += ' ';
-    if (arg.find(' ') != std::string::npos)
-      line += "\"" + arg + "\"";
-    else
+    // An option keeps its dash in front so that the tokenizer still sees an option: the quotes
+    // go around its value ("-log=my log.txt" -> -log="my log.txt").
+    size_t equals = arg.find('=');
+    if (arg.find(' ') == std::string::npos)
       line += arg;
+    else if (arg[0] == '-' && equals != std::string::npos && equals < arg.find(' '))
+      line += arg.substr(0, equals + 1) + "\"" + arg.substr(equals + 1) + "\"";
+    else
+      line += "\"" + arg + "\"";
   }
   return line;
 }

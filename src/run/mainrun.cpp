@@ -73,7 +73,7 @@ private:
   void PrintListing();
   bool BuildDemuxActions(bool check);
   bool AssignTracks();
-  void AddMkvSideActions(const TAction& mkv);
+  void AddMkvSideActions(TAction mkv);
   bool RunPasses();
   void AfterGoodPass(const TPassResult& pass);
   void PatchFrameRate(const TAction& action);
@@ -262,11 +262,18 @@ bool TMainRun::BuildDemuxActions(bool check) {
   }
   if (!info.chapterText.empty() && !check)
     add(info.trackBase, stem + " - Chapters.txt");
-  options.actions = built;
+  // The user's own destinations stay, ahead of the demux actions; the placeholder that only
+  // carried the options goes.
+  std::vector<TAction> actions;
+  for (const TAction& action : options.actions)
+    if (!action.dest.empty() && action.dest != "%globaloptions%") actions.push_back(action);
+  actions.insert(actions.end(), built.begin(), built.end());
+  options.actions = std::move(actions);
   return true;
 }
 
-void TMainRun::AddMkvSideActions(const TAction& mkv) {
+// `mkv` is a copy: the actions it adds grow the list that the caller's action lives in.
+void TMainRun::AddMkvSideActions(TAction mkv) {
   std::string stem = (fs::path(mkv.dest).parent_path() / FileStem(mkv.dest)).string();
   if (!info.chapterText.empty()) {
     TAction chapters = mkv;
@@ -411,12 +418,13 @@ void TMainRun::PatchFrameRate(const TAction& action) {
 }
 
 void TMainRun::AfterGoodPass(const TPassResult& pass) {
+  // Twins are settled only where the pass made them (a decided bit depth).
   for (TAction& action : options.actions) {
-    action.dest = TidyFileName(action.dest);
+    if (!action.decidedBits) continue;
     if (action.fileCount > 0) {
       for (int32_t index = 0; index < action.fileCount; index++)
         FinishOutputs(action.dest, action.decidedBits, index, action.fileCount);
-    } else if (action.decidedBits) {
+    } else {
       FinishOutputs(action.dest, action.decidedBits, 0, 0);
     }
   }
@@ -525,6 +533,8 @@ int TMainRun::Execute(int argc, char** argv) {
   }
   exitCode = 1;
   bool parsed = ParseCommandLine(rawLine, options);
+  // Names are tidied once, before anything is created under them.
+  for (TAction& action : options.actions) action.dest = TidyFileName(action.dest);
   if (parsed) {
     InstallCrashHook();
     bool go = true;
@@ -546,9 +556,8 @@ int TMainRun::Execute(int argc, char** argv) {
       PrintListing();
       bool demuxMode = options.demux || options.check;
       bool ok = true;
-      if (demuxMode) {
-        ok = BuildDemuxActions(options.check);
-      } else if (!options.actions.empty()) {
+      if (demuxMode) ok = BuildDemuxActions(options.check);
+      if (ok && !options.actions.empty()) {
         if (info.container) {
           ok = AssignTracks();
         } else {

@@ -16,6 +16,7 @@
 #include "run/audiochain.h"
 #include "run/cmdline.h"
 #include "run/naming.h"
+#include "ac3/gaptracker.h"
 #include "pcm/stripto16bit.h"
 #include "ts/tsdemuxhead.h"
 #include "video/h264muxer.h"
@@ -26,10 +27,13 @@
 namespace sonvex {
 namespace {
 
+// "%check%" destinations write nothing, not even a gap file.
+bool IsCheckDestination(const std::string& dest) { return LowerCase(dest).rfind("%check%", 0) == 0; }
+
 // The PCM gap tracker writes destination + ".gaps"; on the pass that uses that file it must know
-// its content, or it would track the same gaps once more.
+// its content, or it would track the same gaps once more. A check writes and reads no gap file.
 void ReadPcmGapFile(const TAction& action, std::string& name, std::string& data) {
-  if (action.dest.empty()) return;
+  if (action.dest.empty() || IsCheckDestination(action.dest)) return;
   name = action.dest + ".gaps";
   std::ifstream in(name, std::ios::binary);
   if (in) data.assign(std::istreambuf_iterator<char>(in), {});
@@ -46,10 +50,7 @@ UpStreamRef MakeContainerHead(const std::string& tag, const TTrackRef& track,
     request.isVideo = track.kind == TTrackKind::Video;
     if (!request.isVideo && track.entry.details)
       request.audioFormat = track.entry.details->AudioDetails()->Format();
-    request.check = action.dest.size() >= 7 && std::equal(action.dest.begin(), action.dest.begin() + 7,
-                                                          "%check%", [](char a, char b) {
-                                                            return std::tolower(uint8_t(a)) == b;
-                                                          });
+    request.check = IsCheckDestination(action.dest);
     ReadPcmGapFile(action, request.gapFileName, request.gapData);
     return BuildTsDemuxHead(request);
   }
@@ -74,28 +75,13 @@ std::string TrackPrefix(TTrackKind kind, int32_t number) {
   return text;
 }
 
-void ReadGapFile(IUpStream& logger, const std::string& fileName, const std::string& destination,
-                 std::string& gapList, bool& failed) {
+// A ".gaps" file beside the source (for a bare stream) or beside the destination, read by the
+// gap tracker's one reader; false ends the chain building.
+bool ReadGapFile(IUpStream& logger, const std::string& fileName, const std::string& destination,
+                 std::string& gapList) {
   std::error_code error;
-  if (!std::filesystem::is_regular_file(fileName, error)) return;
-  if (ExtensionIn(FileExtension(destination), ".thd|.truehd|.mlp")) {
-    logger.Log(0, "Audio gap description file detected, can't be used for TrueHD/MLP, though.");
-    return;
-  }
-  logger.Log(0, "Audio gap description file detected, will be used for processing...");
-  std::ifstream in(fileName, std::ios::binary);
-  if (!in) {
-    logger.Log(2, "Opening audio gap description file failed.");
-    failed = true;
-    return;
-  }
-  std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (content.size() % sizeof(TGapEntry) != 0) {
-    logger.Log(2, "Audio gap description file seems to be invalid.");
-    failed = true;
-    return;
-  }
-  gapList = content;
+  if (!std::filesystem::is_regular_file(fileName, error)) return true;
+  return LoadGapDescription(logger, fileName, destination, gapList);
 }
 
 // A ".gaps" file beside a ".mkv" destination: the frame corrections of an earlier pass.
@@ -287,13 +273,16 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
       TAudioBuild build;
       build.options = &options;
       build.isContainer = info.container != nullptr;
+      // A check run reads no gap file; the readers only report the gaps of its "%check%" names.
       build.gapFileName = action.dest + ".gaps";
-      bool failed = false;
-      if (!info.container)
-        ReadGapFile(*head, options.sources.front() + ".gaps", action.dest, build.gapList, failed);
-      if (!failed && build.gapList.empty())
-        ReadGapFile(*head, action.dest + ".gaps", action.dest, build.gapList, failed);
-      if (failed) return false;
+      bool ok = true;
+      if (!IsCheckDestination(action.dest)) {
+        if (!info.container)
+          ok = ReadGapFile(*head, options.sources.front() + ".gaps", action.dest, build.gapList);
+        if (ok && build.gapList.empty())
+          ok = ReadGapFile(*head, action.dest + ".gaps", action.dest, build.gapList);
+      }
+      if (!ok) return false;
       if (!BuildAudioChain(head, trackAudio(ref), action, build)) return false;
       stripStages[i] = build.stripStages;
     } else if (ref.kind == TTrackKind::Video) {

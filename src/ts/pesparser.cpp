@@ -2,6 +2,7 @@
 #include "ts/pesparser.h"
 
 #include "framework/bitreader.h"
+#include "framework/details.h"
 
 namespace sonvex {
 
@@ -58,9 +59,18 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
     timeline.PacketDone();
     return Item::Next;
   }
-  auto invalid = [this]() {
-    Log(2, "The source file is invalid.", true);
-    return Item::Stop;
+  // A damaged header loses only its own packet: it is dropped, and reading goes on with the next
+  // packet that starts a PES. The readers behind see the hole in the time stamps.
+  auto invalid = [&]() {
+    if (!damageReported) {
+      damageReported = true;
+      int64_t where = UnitPosition(uint32_t(at - BufferData(0)));
+      Log(1, "The source file is invalid: a damaged PES packet" +
+                 (where >= 0 ? " at file position " + GroupThousands(where) : std::string()) +
+                 " was skipped.",
+          true);
+    }
+    return Item::Drop;
   };
   if (length < 9) return invalid();
   uint8_t flags = at[7];
@@ -103,10 +113,42 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
   return valid ? Item::Next : Item::Stop;
 }
 
-bool TPesParser::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t, bool flush) {
+int64_t TPesParser::UnitPosition(uint32_t offset) const {
+  int64_t position = -1;
+  for (const UnitStart& unit : unitStarts)
+    if (unit.offset <= bufferBase + offset) position = unit.position;
+  return position;
+}
+
+int64_t TPesParser::NextUnitStart(uint32_t offset) const {
+  for (const UnitStart& unit : unitStarts)
+    if (unit.offset > bufferBase + offset) return int64_t(unit.offset - bufferBase);
+  return -1;
+}
+
+// `count` bytes leave the front of buffer 0; the unit that the new front lies in is kept.
+void TPesParser::Consumed(uint32_t count) {
+  bufferBase += count;
+  while (unitStarts.size() >= 2 && unitStarts[1].offset <= bufferBase) unitStarts.pop_front();
+}
+
+bool TPesParser::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t position,
+                       bool flush) {
   if (!valid) return false;
   if (!CheckUpStreams("pes parser")) return false;
+  if (skipToUnit) {
+    // The rest of a damaged unit: dropped until the flush that starts the next one.
+    bufferBase += size;
+    if (!flush) return true;
+    skipToUnit = false;
+    size = 0;
+  }
+  if (size > 0 && position >= 0 && !unitStarts.empty() && unitStarts.back().position == -1 &&
+      unitStarts.back().offset == bufferBase + BufferFill(0))
+    unitStarts.back().position = position;
   if (!StoreData(0, data, size)) return Fail("The pes parser couldn't allocate enough memory.");
+  if (flush && (unitStarts.empty() || unitStarts.back().offset != bufferBase + BufferFill(0)))
+    unitStarts.push_back({bufferBase + BufferFill(0), -1});
   const uint8_t* buffer = BufferData(0);
   const uint32_t fill = BufferFill(0);
   const bool ending = flushing || flush;
@@ -139,11 +181,26 @@ bool TPesParser::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
       valid = false;
       break;
     }
+    if (item == Item::Drop) {
+      int64_t next = NextUnitStart(offset);
+      if (next >= 0) {
+        length = uint32_t(next) - offset;
+      } else if (unitStarts.empty() && length <= remaining) {
+        // Program stream data has no units: the packet's own length is all there is to go by.
+      } else {
+        skipToUnit = true;
+        length = remaining;
+      }
+      item = Item::Next;
+    }
     if (item != Item::Next) break;
     if (length > remaining) break;
     offset += length;
   }
-  if (valid) RemoveData(0, offset);
+  if (valid) {
+    RemoveData(0, offset);
+    Consumed(offset);
+  }
   if (!valid) container.containerValid = false;
   return valid;
 }
@@ -167,6 +224,7 @@ void TPesParser::NotifySeam(bool before, int64_t jump) {
   timeline.Seam(jump);
   if (BufferFill(0) > 0) {
     Log(1, "The pes parser received incomplete data.");
+    Consumed(BufferFill(0));
     SetBufferFill(0, 0);
   }
 }

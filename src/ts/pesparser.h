@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 
 #include "framework/upstream.h"
@@ -42,12 +43,29 @@ public:
   void NotifySeam(bool before, int64_t jump) override;
 
 private:
-  enum class Item { Next, Wait, Stop };
+  enum class Item { Next, Wait, Stop, Drop };
   Item HandlePes(const uint8_t* at, uint32_t remaining, uint32_t& length, bool flush);
   void HandleDsi(const uint8_t* at, uint32_t length);
 
+  // Where a damaged packet's unit began, and the first unit start behind `offset` of buffer 0
+  // (-1 if none is known yet).
+  int64_t UnitPosition(uint32_t offset) const;
+  int64_t NextUnitStart(uint32_t offset) const;
+  void Consumed(uint32_t count);
+
   const bool RawTimestamps;
   TPesTimeline timeline;
+  // The units of a transport stream PID: each begins with a flush. Their starts as offsets into
+  // the stream given to this stage, with the source file position of their first block (-1 until
+  // it is known); only the units still in buffer 0 are kept.
+  struct UnitStart {
+    uint64_t offset;
+    int64_t position;
+  };
+  std::deque<UnitStart> unitStarts;
+  uint64_t bufferBase = 0;      // stream offset of buffer 0's first byte
+  bool skipToUnit = false;      // a damaged packet is dropped up to the next unit start
+  bool damageReported = false;  // once per track
   bool flushing = false;
   int64_t firstPts = -1;
 };

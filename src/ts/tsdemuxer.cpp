@@ -47,10 +47,12 @@ bool TTsDemuxer::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
   const uint8_t* buffer = BufferData(0);
   uint32_t fill = BufferFill(0), offset = 0;
   while (valid && fill - offset >= packetSize) {
+    packetPosition = bytesDone + offset;
     HandlePacket(buffer + offset);
     offset += packetSize;
   }
   RemoveData(0, offset);
+  bytesDone += offset;
   if (!valid) container.containerValid = false;
   return valid;
 }
@@ -71,6 +73,7 @@ void TTsDemuxer::NotifySeam(bool before, int64_t jump) {
   for (TsPidEntry& entry : pids) entry.Continuity = 0xFF;
   if (BufferFill(0) > 0) {
     Log(1, "The ts demuxer received incomplete data.");
+    bytesDone += BufferFill(0);
     SetBufferFill(0, 0);
   }
 }
@@ -237,10 +240,11 @@ void TTsDemuxer::Announce(bool isVideo, uint32_t pid, const std::string& tag) {
 }
 
 // The packets carry no time stamps of their own here: the PES parser finds them in the payload.
+// `position` is the packet's place in the source, for the PES parser's damage report.
 void TTsDemuxer::Deliver(uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart) {
   if (pid != Pid) return;
   if (unitStart) valid = Send(false, nullptr, 0, -1, true);
-  if (valid) valid = Send(false, data, size, -1, false);
+  if (valid) valid = Send(false, data, size, packetPosition, false);
 }
 
 }  // namespace sonvex

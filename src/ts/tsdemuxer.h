@@ -59,6 +59,8 @@ private:
   bool messageDone = false;
   bool formatDone = false;
   bool flushing = false;
+  int64_t bytesDone = 0;       // bytes of the source taken from buffer 0 so far
+  int64_t packetPosition = 0;  // source position of the packet being handled
   std::array<TsPidEntry, 8192> pids;
   int32_t patLeft = 0;
   int32_t patFill = 0;

@@ -220,6 +220,12 @@ bool TMpeg2Reader::HandleExtension(uint8_t* unit, uint32_t size) {
   TMpeg2PictureCoding coding;
   if (!ParseMpeg2PictureCoding(unit, size, coding)) return true;
   PicExtSeen = true;
+  if (coding.pictureStructure != 3 && !SequenceExtension.empty()) {
+    if (FieldOpen) SecondFields++;
+    FieldOpen = !FieldOpen;
+  } else {
+    FieldOpen = false;
+  }
   bool interlacedFrame, rff;
   if (coding.pictureStructure == 3) {
     interlacedFrame = !coding.progressiveFrame;
@@ -359,7 +365,7 @@ bool TMpeg2Reader::Finish() {
   Finishing = true;
   if (!Write(0, false, nullptr, 0, -1, false)) return false;
   bool ok = FinishUpStreams();
-  SetFrameCount(uint32_t(PictureCount));
+  SetFrameCount(uint32_t(PictureCount - SecondFields));
   if (RateNum > 0 &&
       !timing.Report(*this, fieldCount, 240, 2, 500 * int64_t(RateDen), RateNum, 2)) {
     valid = false;

@@ -65,6 +65,9 @@ private:
   bool SeqHeaderSeen = false, PositionSeen = false;
   int32_t StampOffset = 0;
   int32_t PictureCount = 0;
+  // Field pictures come in pairs that make one frame: the second fields are not frames.
+  int32_t SecondFields = 0;
+  bool FieldOpen = false;
   std::string SequenceHeader, SequenceExtension;
   bool SeqHeaderInUnit = false;
   bool PicExtSeen = false;

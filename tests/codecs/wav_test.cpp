@@ -152,20 +152,23 @@ TEST(WavWriter, HeaderSizes) {
   EXPECT_EQ(Le32(&r.file[4]), 436u);
   EXPECT_EQ(Le32(&r.file[40]), 400u);
   EXPECT_EQ(Le16(&r.file[20]), 1u);
+  // An unknown length reserves a "JUNK" chunk of 36 bytes ahead of "fmt ", for a ds64 chunk.
   WriteResult patched = WriteWav(true, 6, 0, 1200, true);
   ASSERT_TRUE(patched.ok);
-  EXPECT_EQ(Le32(&patched.file[4]), 1200u + 60);
-  EXPECT_EQ(Le32(&patched.file[64]), 1200u);
-  EXPECT_EQ(Le16(&patched.file[20]), 0xFFFEu);
-  EXPECT_EQ(Le32(&patched.file[40]), 0x3Fu);
+  EXPECT_EQ(std::string(patched.file.begin() + 12, patched.file.begin() + 16), "JUNK");
+  EXPECT_EQ(Le32(&patched.file[16]), 28u);
+  EXPECT_EQ(Le32(&patched.file[4]), 1200u + 96);
+  EXPECT_EQ(Le32(&patched.file[100]), 1200u);
+  EXPECT_EQ(Le16(&patched.file[56]), 0xFFFEu);
+  EXPECT_EQ(Le32(&patched.file[76]), 0x3Fu);
   WriteResult partial = WriteWav(false, 2, 0, 401, true);  // one byte into the 101st frame
   ASSERT_TRUE(partial.ok);
-  EXPECT_EQ(partial.file.size(), 44u + 402);
-  EXPECT_EQ(Le32(&partial.file[40]), 404u);
+  EXPECT_EQ(partial.file.size(), 80u + 402);
+  EXPECT_EQ(Le32(&partial.file[76]), 404u);
   WriteResult streamed = WriteWav(false, 2, 0, 400, false);
   EXPECT_FALSE(streamed.ok);
-  EXPECT_EQ(Le32(&streamed.file[40]), 0xFFFFFF00u);
-  EXPECT_EQ(Le32(&streamed.file[4]), 0xFFFFFF24u);
+  EXPECT_EQ(Le32(&streamed.file[76]), 0xFFFFFF00u);
+  EXPECT_EQ(Le32(&streamed.file[4]), 0xFFFFFF48u);
   EXPECT_EQ(streamed.lines.back(), "The WAV writer couldn't update the header.");
 }
 
@@ -231,6 +234,94 @@ TEST(WavWriter, Rf64ForDataBeyondFourGiB) {
                           name + "'");
     EXPECT_EQ(std::string(out.begin(), out.end()), "4800\n");
   }
+}
+
+// A seekable end that keeps only the first bytes of what it is given: enough to look at a header
+// after gigabytes went through.
+class THeaderOnlyFile : public TUpStream, public ISeekableUpStream {
+public:
+  bool Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t, bool) override {
+    for (uint32_t i = 0; i < size && position + i < int64_t(head.size()); i++)
+      head[size_t(position + i)] = data[i];
+    position += size;
+    size_ = std::max(size_, position);
+    return true;
+  }
+  bool Finish() override { return true; }
+  int64_t Position() override { return position; }
+  void Seek(int64_t to) override { position = to; }
+  int64_t Size() override { return size_; }
+  std::vector<uint8_t> head = std::vector<uint8_t>(128);
+  int64_t position = 0, size_ = 0;
+};
+
+// A stream of unknown length: a plain RIFF header with its room reserved when the data stays
+// below 4 GiB, RF64 with the ds64 chunk in that room when it passes 4 GiB. Nothing is stored:
+// the same MiB is given again and again.
+TEST(WavWriter, UnknownLengthTurnsIntoRf64PastFourGiB) {
+  struct Case {
+    uint64_t bytes;
+    const char* form;
+  };
+  // The RIFF size (data + 72) fits 32 bits up to 0xFFFFFFB4 bytes of data.
+  const Case cases[] = {{0xFFFFFFB4ull, "RIFF"}, {0xFFFFFFB8ull, "RF64"}, {5000000000ull, "RF64"}};
+  std::vector<uint8_t> mib(0x100000, 3);
+  for (const Case& c : cases) {
+    auto writer = TWavWriter::Create(false, 0, false);
+    auto file = std::make_shared<THeaderOnlyFile>();
+    writer->SetUpStream(file);
+    writer->SetSilent(true);
+    ASSERT_TRUE(writer->InitAudio("pcm", 2, 16, 48000, false, 0));
+    for (uint64_t left = c.bytes; left;) {
+      uint32_t piece = uint32_t(std::min<uint64_t>(left, mib.size()));
+      ASSERT_TRUE(writer->Write(0, false, mib.data(), piece, -1, false));
+      left -= piece;
+    }
+    ASSERT_TRUE(writer->Finish());
+    const uint8_t* h = file->head.data();
+    const uint64_t data = c.bytes;
+    EXPECT_EQ(std::string(h, h + 4), c.form) << c.bytes;
+    EXPECT_EQ(file->size_, int64_t(80 + data));
+    if (std::string(c.form) == "RIFF") {
+      EXPECT_EQ(std::string(h + 12, h + 16), "JUNK");
+      EXPECT_EQ(Le32(h + 4), uint32_t(data + 72));
+      EXPECT_EQ(Le32(h + 76), uint32_t(data));
+    } else {
+      EXPECT_EQ(std::string(h + 12, h + 16), "ds64");
+      EXPECT_EQ(Le32(h + 4), 0xFFFFFFFFu);
+      EXPECT_EQ(Le32(h + 76), 0xFFFFFFFFu);
+      EXPECT_EQ(Le64(h + 20), data + 72);
+      EXPECT_EQ(Le64(h + 28), data);
+      EXPECT_EQ(Le64(h + 36), data / 4);
+    }
+    EXPECT_EQ(std::string(h + 72, h + 76), "data");
+  }
+}
+
+// Headers whose data size was left open are read by the stream's real length; Sony Wave64 files
+// (GUID chunks, 64-bit sizes) are read like WAV. ffmpeg writes the W64 and the pipe WAV.
+TEST(WavReader, OpenEndedAndWave64ByTheRealLength) {
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  TempDir dir;
+  RunCommand("ffmpeg -v error -f lavfi -i 'sine=f=440:r=48000:d=1' -ac 2 -c:a pcm_s24le -f w64 '" +
+             dir / "a.w64" + "' -ac 2 -f s24le '" + dir / "a.raw" + "' -ac 2 -c:a pcm_s16le -f wav - > '" +
+             dir / "pipe.wav" + "'");
+  auto raw = ReadFile(dir / "a.raw");
+  ASSERT_EQ(raw.size(), 48000u * 6);
+  ReadResult w64 = ReadWav(ReadFile(dir / "a.w64"), 4000);
+  ASSERT_TRUE(w64.ok);
+  EXPECT_EQ(w64.capture->audioInits.at(0).totalSize, 48000);
+  EXPECT_EQ(w64.capture->bytes, raw);
+  // ffmpeg's WAV on a pipe has data size 0xFFFFFFFF; ours with an unknown length 0xFFFFFF00.
+  auto piped = ReadFile(dir / "pipe.wav");
+  ReadResult fromPipe = ReadWav(piped, 4000);
+  ASSERT_TRUE(fromPipe.ok);
+  EXPECT_EQ(fromPipe.capture->audioInits.at(0).totalSize, 48000);
+  WriteResult ours = WriteWav(false, 2, 0, 400, false);
+  ReadResult open = ReadWav(ours.file, 50);
+  ASSERT_TRUE(open.ok);
+  EXPECT_EQ(open.capture->audioInits.at(0).totalSize, 100);
+  EXPECT_EQ(open.capture->bytes.size(), 400u);
 }
 
 // A stream of 2 GiB or more is read by its real length, whatever the data chunk says.

@@ -151,6 +151,34 @@ TEST_F(BlurayRun, GapFileFromTheFirstRunIsUsedByTheSecond) {
   EXPECT_EQ(fs::file_size(dir.path() / "decoded.raw"), (firstSize / 768 + 6) * 1536 * 2 * 2);
 }
 
+// A check run reports the gap and writes nothing: no ".gaps" file for a later check run of any
+// other source to pick up, and an old one (here an empty, invalid one) is not read.
+TEST_F(BlurayRun, CheckWritesNoGapFileAndReadsNone) {
+  RunResult first = RunSonvex({Gen("bd_gap_long_200ms.m2ts"), "-check"}, dir.path());
+  ASSERT_EQ(first.exitCode, 0) << first.out << first.err;
+  EXPECT_TRUE(first.HasLine("[a02] Audio has a gap of 200ms at playtime 0:00:05.")) << first.out;
+  EXPECT_EQ(ListFiles(dir.path()), std::vector<std::string>{"bd_gap_long_200ms - Log.txt"});
+  { std::ofstream(dir / "%check%.ac3.gaps"); }
+  RunResult second = RunSonvex({Gen("bd_gap_long_200ms.m2ts"), "-check"}, dir.path());
+  EXPECT_EQ(second.exitCode, 0) << second.out;
+  EXPECT_EQ(second.out.find("Audio gap description file"), std::string::npos) << second.out;
+}
+
+// The chain reads ".gaps" files through the gap tracker's reader: an empty file is refused, and
+// a tail shorter than a record is ignored.
+TEST_F(BlurayRun, GapFilesAreReadByTheOneReader) {
+  const std::vector<std::string> args = {Gen("bd_gap_long_200ms.m2ts"), "2:", "out.ac3"};
+  { std::ofstream(dir / "out.ac3.gaps"); }
+  RunResult empty = RunSonvex(args, dir.path());
+  EXPECT_EQ(empty.exitCode, 1);
+  EXPECT_TRUE(empty.HasLine("[a02] Audio gap description file seems to be invalid.")) << empty.out;
+  EXPECT_FALSE(fs::exists(dir.path() / "out.ac3"));
+  { std::ofstream(dir / "out.ac3.gaps", std::ios::binary) << std::string(20, '\0'); }
+  RunResult tail = RunSonvex(args, dir.path());
+  EXPECT_EQ(tail.exitCode, 0) << tail.out;
+  EXPECT_TRUE(tail.HasLine("[a02] Audio gap description file detected, will be used for processing..."));
+}
+
 // Two M2TS files joined with "+" are one title: the same listing as the file they were cut
 // from, and each audio track byte for byte the same ("-keepDialnorm": the TrueHD track has a
 // dialnorm that would be neutralised, alike in both, but the oracle is ffmpeg's payload).

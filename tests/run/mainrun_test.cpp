@@ -106,5 +106,53 @@ TEST(MainRun, AFailedPassRemovesOnlyWhatItCreated) {
         << name;
 }
 
+// The shell hands "-log=my log.txt" over as one argument, however the user quoted it; the
+// rejoined line must still read as the option, not as a destination.
+TEST(MainRun, AnOptionValueWithABlankStaysAnOption) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  std::string ac3 = ShellQuote((CorpusDir() / "gen/ac3_20_192k.ac3").string());
+  for (const std::string option : {"-log=\"my log.txt\"", "\"-log=my log.txt\""}) {
+    fs::remove(dir.path() / "my log.txt");
+    RunResult r = RunShell(ShellQuote(SONVEX_BINARY) + " " + ac3 + " o.ac3 " + option, dir.path());
+    EXPECT_EQ(r.exitCode, 0) << option << "\n" << r.out;
+    EXPECT_TRUE(r.HasLine("Done.")) << option;
+    EXPECT_NE(ReadFile(dir.path() / "my log.txt").find("Done."), std::string::npos) << option;
+  }
+}
+
+// A ".mkv" destination adds an action per audio track to the list its own action lives in.
+// With freed memory scrubbed, reading the moved action again crashed; the sanitizer build
+// catches the same read without the scrubbing.
+TEST(MainRun, MkvSideActionsAreAddedWithoutReadingFreedMemory) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  std::string m2ts = ShellQuote((CorpusDir() / "gen/bd_h264_multi.m2ts").string());
+  RunResult r = RunShell("GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.malloc.perturb=165 " +
+                             ShellQuote(SONVEX_BINARY) + " " + m2ts + " out.mkv",
+                         dir.path());
+  EXPECT_LE(r.exitCode, 1) << r.out << r.err;
+  EXPECT_EQ(r.out.find("sonvex crashed..."), std::string::npos);
+  EXPECT_EQ(r.err.find("sonvex crashed..."), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("AddressSanitizer"), std::string::npos) << r.err;
+  EXPECT_TRUE(r.HasLine("Track 1 is used for destination file \"out.mkv\".")) << r.out;
+}
+
+// "-keepDialnorm" holds for both parts of a TrueHD/AC3 track.
+TEST(MainRun, KeepDialnormHoldsForTheAc3PartOfTrueHd) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  std::string thd = (CorpusDir() / "public/truehd/dts1_truehd_ac3_interleaved.thdac3").string();
+  if (!fs::exists(thd)) GTEST_SKIP() << "no TrueHD/AC3 sample";
+  RunResult removed = RunSonvex({thd, "d.ac3"}, dir.path());
+  ASSERT_EQ(removed.exitCode, 0) << removed.out;
+  ASSERT_NE(removed.out.find("Removing dialog normalization..."), std::string::npos) << removed.out;
+  for (const char* dest : {"k.ac3", "k.thd"}) {
+    RunResult kept = RunSonvex({thd, dest, "-keepDialnorm"}, dir.path());
+    EXPECT_EQ(kept.exitCode, 0) << dest << kept.out;
+    EXPECT_EQ(kept.out.find("Removing dialog normalization..."), std::string::npos) << dest << kept.out;
+  }
+}
+
 }  // namespace
 }  // namespace sonvex

@@ -59,6 +59,8 @@ TEST(ThdChain, StageListsOfUntouchedStreams) {
                     b.isContainer = true;
                   }),
             (Kinds{"reader", "ac3 extractor", "ac3 dialnorm", "ac3 delayer", "ac3 gaps"}));
+  EXPECT_EQ(Built("thd/ac3", "out.ac3", [](TAction& a, TAudioBuild&) { a.keepDialnorm = true; }),
+            (Kinds{"reader", "ac3 extractor", "ac3 delayer"}));
   for (const char* dest : {"out.thd", "out.TrueHD"})
     EXPECT_EQ(Built("thd/ac3", dest), (Kinds{"reader", "ac3 remover", "thd dialnorm"}));
   EXPECT_EQ(Built("thd", "out.thd", [](TAction& a, TAudioBuild&) { a.keepDialnorm = true; }),

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "framework/details.h"
 #include "ts/tscorpus.h"
 
 namespace sonvex::tstest {
@@ -157,6 +158,38 @@ TEST_F(TsEndToEnd, DamagedPacketsEndTheRun) {
     EXPECT_NE(run.output.find(c.message), std::string::npos) << run.output;
     EXPECT_FALSE(fs::exists(dir / "out.ac3"));
   }
+}
+
+// A PES header whose data length is too small for its fields loses only its own packet: the
+// run says so once, with the packet's file position, reads on, and the track is whole but for
+// that packet's payload.
+TEST_F(TsEndToEnd, DamagedPesHeaderDropsOnePacket) {
+  size_t at = 0, payload = 0;
+  std::string name = Damaged("bd_audio_delay100ms.m2ts", "pes.m2ts", [&](std::vector<uint8_t>& d) {
+    for (size_t p = d.size() / 192 / 2 * 192; p + 192 <= d.size(); p += 192) {
+      const uint8_t* ts = &d[p + 4];
+      uint32_t pid = uint32_t(ts[1] & 0x1F) << 8 | ts[2];
+      if (pid != 0x1100 || !(ts[1] & 0x40)) continue;
+      size_t pes = 4 + ((ts[3] & 0x20) ? ts[4] + 1u : 0u);
+      if (ts[pes] != 0 || ts[pes + 1] != 0 || ts[pes + 2] != 1 || (ts[pes + 3] != 0xBD && ts[pes + 3] != 0xFD)) continue;
+      payload = (size_t(ts[pes + 4]) << 8 | ts[pes + 5]) - 3 - ts[pes + 8];
+      d[p + 4 + pes + 8] = 0;  // the PTS no longer fits in the header
+      at = p;
+      return;
+    }
+  });
+  ASSERT_GT(payload, 0u);
+  RunResult good = Sonvex("'" + CorpusDir() + "/gen/bd_audio_delay100ms.m2ts' 2: good.ac3");
+  ASSERT_EQ(good.code, 0) << good.output;
+  RunResult run = Sonvex(name + " 2: out.ac3");
+  ASSERT_EQ(run.code, 0) << run.output;
+  EXPECT_NE(run.output.find("\nDone.\n"), std::string::npos) << run.output;
+  const std::string text = "[a02] The source file is invalid: a damaged PES packet at file position " +
+                           GroupThousands(int64_t(at)) + " was skipped.\n";
+  size_t first = run.output.find(text);
+  EXPECT_NE(first, std::string::npos) << run.output;
+  EXPECT_EQ(run.output.find("The source file is invalid", first + text.size()), std::string::npos);
+  EXPECT_EQ(fs::file_size(dir / "out.ac3") + payload, fs::file_size(dir / "good.ac3"));
 }
 
 TEST_F(TsEndToEnd, TruncatedFileGivesItsWholeFrames) {
