@@ -112,6 +112,7 @@ bool TMainRun::Analyse() {
   if (container && container->IsValid()) info.container = container;
   if (audio && audio->IsValid()) info.audioDetails = audio;
   if (video && video->IsValid()) info.videoDetails = video;
+  info.junkBytes = int64_t(detector->JunkSkipped());
   if (!info.container && !info.audioDetails && !info.videoDetails) {
     WriteLine(2, "The format of the source file could not be detected.");
     return false;
