@@ -235,26 +235,64 @@ int ParseEac3Frame(const uint8_t* data, uint32_t size, TAc3FrameInfo& info) {
   return kAc3Good;
 }
 
+bool IsEac3DependentHeader(const uint8_t* data, uint32_t size) {
+  if (size < 6 || data[0] != 0x0B || data[1] != 0x77) return false;
+  uint32_t bsid = data[5] >> 3;
+  return bsid > 10 && bsid <= 16 && (data[2] >> 6) == 1 && ((data[2] >> 3) & 7) == 0;
+}
+
+uint32_t Ac3FamilyFrameSize(const uint8_t* data, uint32_t size) {
+  if (size < 6 || data[0] != 0x0B || data[1] != 0x77) return 0;
+  uint32_t bsid = data[5] >> 3;
+  if (bsid > 10 && bsid <= 16) return ((data[2] & 7u) * 256 + data[3] + 1) * 2;
+  if (bsid > 8) return 0;
+  uint32_t fscod = data[4] >> 6, rateIndex = (data[4] >> 1) & 31;
+  if (fscod == 3 || rateIndex >= std::size(kAc3Bitrates)) return 0;
+  uint32_t frameSize = kAc3Bitrates[rateIndex] * 192000 / kAc3SampleRates[fscod];
+  if (fscod == 1) frameSize = (frameSize & ~1u) + ((data[4] & 1) ? 2 : 0);
+  return frameSize;
+}
+
 int ParseEac3Unit(const uint8_t* data, uint32_t size, uint32_t expectedSize, TEac3UnitInfo& info) {
   info = TEac3UnitInfo{};
   bool independentSeen = false;
   uint32_t independentSize = 0;
   uint32_t at = 0;
+  auto complete = [&] {
+    info.bitrate = uint32_t(uint64_t(info.unitSize) * info.bitrate / independentSize);
+    return kAc3Good;
+  };
   for (;;) {
     TAc3FrameInfo frame;
     int result = ParseEac3Frame(data + at, size - at, frame);
+    if (result == kAc3OtherKind) {
+      // A plain AC-3 frame: the start of the next unit of a stream whose units open with one,
+      // or the core at the head of the first unit.
+      if (independentSeen) {
+        if (info.ac3Core) return complete();
+        return result;
+      }
+      result = ParseAc3Frame(data + at, size - at, frame);
+      if (result == kAc3Good) info.ac3Core = true;
+      // A whole core whose CRCs fail is damage, not a want of data.
+      if (result == kAc3ShortOrCrc && frame.frameSize <= size - at) return result;
+    }
     if (result == kAc3ShortOrCrc) break;
     if (result != kAc3Good) return result;
-    if (frame.streamType == 0 && frame.substreamId == 0) {
-      if (independentSeen) {
-        info.bitrate = uint32_t(uint64_t(info.unitSize) * info.bitrate / independentSize);
-        return kAc3Good;
-      }
+    // Behind an AC-3 core only the next AC-3 frame opens a new unit; the E-AC-3 frames between
+    // (dependent ones, or an independent one that carries Atmos) belong to this unit.
+    bool opensUnit = frame.streamType == 0 && frame.substreamId == 0 &&
+                     !(info.ac3Core && independentSeen);
+    if (opensUnit) {
+      if (independentSeen) return complete();
       independentSeen = true;
       independentSize = frame.frameSize;
       uint32_t skip = info.skipBytes;
+      bool core = info.ac3Core;
       static_cast<TAc3FrameInfo&>(info) = frame;
       info.skipBytes = skip;
+      info.ac3Core = core;
+      info.coreSize = frame.frameSize;
       info.unitSize = 0;
     }
     if (independentSeen)
@@ -271,11 +309,11 @@ int ParseEac3Unit(const uint8_t* data, uint32_t size, uint32_t expectedSize, TEa
   }
   if (independentSeen) {
     uint32_t left = size - at;
-    bool nextUnit = left >= 3 && data[at] == 0x0B && data[at + 1] == 0x77 && (data[at + 2] >> 3) == 0;
-    if (nextUnit || (left == 0 && info.unitSize == expectedSize)) {
-      info.bitrate = uint32_t(uint64_t(info.unitSize) * info.bitrate / independentSize);
-      return kAc3Good;
-    }
+    const uint8_t* next = data + at;
+    bool nextUnit = info.ac3Core
+                        ? left >= 6 && next[0] == 0x0B && next[1] == 0x77 && (next[5] >> 3) <= 8
+                        : left >= 3 && next[0] == 0x0B && next[1] == 0x77 && (next[2] >> 3) == 0;
+    if (nextUnit || (left == 0 && info.unitSize == expectedSize)) return complete();
   }
   return kAc3NeedMore;
 }

@@ -23,9 +23,13 @@ struct TAc3FrameInfo {
 };
 
 // An E-AC-3 access unit: the frames from one independent frame of substream 0 up to the next.
+// Blu-ray's E-AC-3 7.1 opens every unit with a plain AC-3 frame (bsid up to 8), the core that
+// any AC-3 decoder plays, and puts the extra channels into dependent E-AC-3 frames behind it.
 struct TEac3UnitInfo : TAc3FrameInfo {
   uint32_t skipBytes = 0;  // dependent frames in front of the first independent frame
   uint32_t unitSize = 0;   // bytes of the unit, from its independent frame on
+  bool ac3Core = false;    // the unit opens with an AC-3 frame
+  uint32_t coreSize = 0;   // bytes of the unit's first frame
 };
 
 // Results of the parsers.
@@ -45,6 +49,13 @@ int ParseEac3Frame(const uint8_t* data, uint32_t size, TAc3FrameInfo& info);
 // The results of ParseEac3Frame, and -1 when more data is needed. `expectedSize` lets a unit
 // that ends exactly with the data count as complete.
 int ParseEac3Unit(const uint8_t* data, uint32_t size, uint32_t expectedSize, TEac3UnitInfo& info);
+
+// Whether the header at data[0] (at least 6 bytes) is an E-AC-3 dependent frame of substream 0,
+// the kind that follows the AC-3 core of a Blu-ray E-AC-3 unit.
+bool IsEac3DependentHeader(const uint8_t* data, uint32_t size);
+// Size of the frame at data[0] from its header alone, AC-3 or E-AC-3; 0 if it isn't one (or
+// fewer than 6 bytes are given).
+uint32_t Ac3FamilyFrameSize(const uint8_t* data, uint32_t size);
 
 // The AC-3 CRC (generator 0x8005, MSB first, initial 0) over data[0..size).
 uint16_t Ac3CrcBytes(const uint8_t* data, uint32_t size, uint16_t crc = 0);

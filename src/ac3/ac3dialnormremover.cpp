@@ -37,9 +37,17 @@ int32_t RemoveAc3Dialnorm(uint8_t* frame, uint32_t size) {
 
 int32_t RemoveEac3Dialnorm(uint8_t* unit, uint32_t size) {
   if (size < 8) return 0;
-  int32_t dialnorm = (unit[5] & 7) * 4 + (unit[6] >> 6);
-  if (!Changes(dialnorm)) return dialnorm;
   uint32_t at = 0;
+  int32_t dialnorm = (unit[5] & 7) * 4 + (unit[6] >> 6);
+  // A unit that opens with an AC-3 core (bsid up to 8): the core is patched as an AC-3 frame
+  // and decides for the E-AC-3 frames behind it.
+  if ((unit[5] >> 3) <= 8) {
+    uint32_t coreSize = Ac3FamilyFrameSize(unit, size);
+    if (coreSize == 0 || coreSize > size) return 0;
+    dialnorm = RemoveAc3Dialnorm(unit, coreSize);
+    at = coreSize;
+  }
+  if (!Changes(dialnorm)) return dialnorm;
   while (size - at >= 8) {
     uint32_t frameSize = ((unit[at + 2] & 7) * 256 + unit[at + 3] + 1) * 2;
     if (frameSize > size - at) break;

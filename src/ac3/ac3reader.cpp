@@ -20,6 +20,17 @@ constexpr uint32_t kUnitLimit = 0x20000;
 constexpr uint32_t kTrueHdSync = 0xF8726FBA;
 const std::string kName = "(E-)AC3 reader";
 
+// How many bytes a unit that ran past the data wants before it is parsed again: its frames by
+// the sizes their headers give, and the header of the frame behind them.
+uint32_t UnitBytesWanted(const uint8_t* buffer, uint32_t fill) {
+  uint64_t at = 0;
+  for (;;) {
+    uint32_t size = at + 6 <= fill ? Ac3FamilyFrameSize(buffer + at, uint32_t(fill - at)) : 0;
+    if (size == 0 || at + size > fill) return uint32_t(std::min<uint64_t>(at + std::max(size, 6u) + 6, kUnitLimit));
+    at += size;
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<TAc3Reader> TAc3Reader::Create(const std::string& gapFileName,
@@ -112,6 +123,12 @@ bool TAc3Reader::AnnounceFormat() {
   int result = ParseAc3Frame(buffer, fill, frame);
   TAc3FrameInfo info = frame;
   uint32_t size = frame.frameSize;
+  // An AC-3 frame with a dependent E-AC-3 frame right behind it opens a Blu-ray E-AC-3 unit.
+  if (result == kAc3Good && size <= fill &&
+      IsEac3DependentHeader(buffer + size, fill - size)) {
+    ac3Core = true;
+    result = kAc3OtherKind;
+  }
   if (result == kAc3OtherKind) {
     isEac3 = true;
     TEac3UnitInfo unit;
@@ -140,7 +157,8 @@ bool TAc3Reader::AnnounceFormat() {
     uint32_t length = bitrate ? uint32_t(totalBytes * 8000 / bitrate) : 0;
     std::string tag = isEac3 ? "eac3" : "ac3";
     SetAudioDetails(tag, isEac3 ? "E-AC3" : "AC3", info.channelText, "", length, info.channels,
-                    info.channelMask, 0, info.sampleRate, bitrate, info.dialnorm, 0, false);
+                    info.channelMask, 0, info.sampleRate, bitrate, info.dialnorm,
+                    ac3Core ? kAudioExtraAc3Core : 0, false);
     valid = NotifyAudio(tag, info.channels, 24, info.sampleRate, false, 0);
     return valid;
   }
@@ -174,6 +192,8 @@ bool TAc3Reader::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
     } else {
       const uint8_t* buffer = BufferData(0);
       uint32_t fill = BufferFill(0);
+      if (fill < waitFor && !finishing) break;
+      waitFor = 0;
       int result;
       uint32_t size = 0, rate = 0;
       if (isEac3) {
@@ -181,6 +201,13 @@ bool TAc3Reader::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
         result = ParseEac3Unit(buffer, fill, frameSize, unit);
         size = unit.unitSize;
         rate = unit.bitrate;
+        // A unit is judged only when it is whole, wherever the blocks of the input end.
+        if (result == kAc3NeedMore && !finishing && fill < kUnitLimit) {
+          waitFor = UnitBytesWanted(buffer, fill);
+          break;
+        }
+        // Units of one stream all open with an AC-3 core, or none does.
+        if (result == kAc3Good && unit.ac3Core != ac3Core) result = kAc3OtherKind;
       } else {
         TAc3FrameInfo frame;
         result = ParseAc3Frame(buffer, fill, frame);

@@ -53,9 +53,11 @@ private:
   int64_t initialDelayMicro = 0;
   bool exactStart;
   bool isEac3 = false;
+  bool ac3Core = false;  // E-AC-3 whose units open with an AC-3 frame (Blu-ray 7.1)
   bool formatAnnounced = false;
   uint32_t searchFrom = 0;  // where the next sync search starts
   uint32_t minFill = 4096;
+  uint32_t waitFor = 0;  // fill a unit that ran past the data wants before the next look
   uint32_t frameSize = 0;
   uint32_t bitrate = 0;
   int64_t totalBytes = 0;

@@ -1,6 +1,8 @@
 // The DTS bitdepth patcher stage.
 #include "dts/dtsbitdepthpatcher.h"
 
+#include "dts/dtsbitstream.h"
+
 namespace sonvex {
 
 bool TDtsBitdepthPatcher::InitAudio(const std::string& format, uint32_t channels,
@@ -17,7 +19,9 @@ bool TDtsBitdepthPatcher::Write(SenderId sender, bool isHeader, const uint8_t* d
                                 uint32_t size, int64_t position, bool flush) {
   if (!valid) return false;
   if (!CheckUpStreams("DTS bitdepth patcher")) return false;
-  if (size < 13) return Send(false, data, size, position, flush);
+  // Short blocks, and frames without a core (DTS-HD substreams only), hold nothing to patch.
+  if (size < 13 || !DtsSyncAt(data, size, 0, kDtsCoreSync))
+    return Send(false, data, size, position, flush);
   if (data[4] & 2) return Fail("Bitdepth can't be patched because there's a CRC in the DTS file.");
   if (!StoreData(0, data, size))
     return Fail("The DTS bitdepth patcher couldn't allocate enough memory.");

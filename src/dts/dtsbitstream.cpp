@@ -181,6 +181,9 @@ TDtsSubstreamInfo ParseExtensionSubstream(const uint8_t* data, uint32_t size, bo
       bits.Skip(descriptorEnd - bits.BitPosition());
   }
   if (bits.Failed() || headerSize + sizeSum != info.fullSize || refClockCode > 3) result = 3;
+  info.ssIndex = ssIndex;
+  info.refClock = refClockCode < 3 ? kRefClocks[refClockCode] : 0;
+  info.frameDurationCode = frameDurationCode;
 
   if (dump) {
     WriteLine(0, "+ DTS-HD");
@@ -368,7 +371,10 @@ TDtsFrameInfo ParseDtsFrame(const uint8_t* data, uint32_t size, bool dump, bool 
         info.bitrate = 0;
       } else {
         info.formatName = "DTS Hi-Res";
-        info.bitrate += uint32_t(info.bitrate * info.extensionSize) / coreSize;
+        // The rate of the whole frame, in 64 bits: the core's nominal rate scaled by the
+        // extension passes 2^32 in 32 bits, and the core's coded rate is only nominal.
+        info.bitrate = uint32_t(uint64_t(coreSize + info.extensionSize) * 8 *
+                                kCoreRates[rateCode] / info.samplesPerFrame);
       }
     }
   }
@@ -380,6 +386,63 @@ TDtsFrameInfo ParseDtsFrame(const uint8_t* data, uint32_t size, bool dump, bool 
   }
   info.result = result;
   return info;
+}
+
+TDtsFrameInfo ParseDtsSubstreamFrame(const uint8_t* data, uint32_t size, bool dump) {
+  TDtsFrameInfo info;
+  uint32_t samples = 0, refClock = 0;
+  int result = 0;
+  for (;;) {
+    uint32_t at = info.extensionSize;
+    TDtsSubstreamInfo sub = ParseExtensionSubstream(data + at, size - at, dump);
+    if (sub.result == 1 || (at > 0 && sub.ssIndex == 0)) break;
+    if (sub.result != 0) {
+      if (sub.result == 2) info.extensionSize += sub.fullSize;
+      result = sub.result == 2 ? 2 : 3;
+      break;
+    }
+    if (at == 0) {
+      samples = 512 * sub.frameDurationCode;
+      refClock = sub.refClock;
+    }
+    info.extensionSize += sub.fullSize;
+    info.sampleRate = std::max(info.sampleRate, sub.sampleRate);
+    info.bits = std::max(info.bits, sub.bits);
+    info.channels = std::max(info.channels, sub.channels);
+    info.isMaster = info.isMaster || sub.isMaster;
+    if (sub.hasXsa) info.formatName = "DTS Express";
+    if (info.extensionSize + 4 > size) break;
+  }
+  if (info.extensionSize == 0 && result == 0) return info;  // not a substream at all
+  uint64_t end = info.extensionSize;
+  if (result == 0 && end < size && !DtsSyncAt(data, size, end, kDtsSubstreamSync)) result = 2;
+  info.hasExtension = true;
+  info.samplesPerFrame = samples;
+  info.clockRate = refClock;
+  if (info.sampleRate == 0) info.sampleRate = refClock;
+  info.channelText = DefaultChannelLayout(info.channels);
+  info.channelMask = DefaultChannelMask(info.channels);
+  info.lfe = info.channels == 6 || info.channels == 8;
+  if (info.isMaster) {
+    info.formatName = "DTS Master Audio";
+  } else {
+    if (info.formatName.empty()) info.formatName = "DTS Hi-Res";
+    if (samples && refClock)
+      info.bitrate = uint32_t(uint64_t(info.extensionSize) * 8 * refClock / samples);
+  }
+  uint64_t at = end;
+  while (at < size && data[at] == 0) {
+    info.padding++;
+    at++;
+  }
+  info.result = result;
+  return info;
+}
+
+uint32_t DtsFrameSamples(const uint8_t* frame, uint32_t size) {
+  if (DtsSyncAt(frame, size, 0, kDtsCoreSync) && size >= 6) return DtsSamplesPerFrame(frame);
+  TDtsSubstreamInfo sub = ParseExtensionSubstream(frame, size, false);
+  return sub.result == 1 ? 0 : 512 * sub.frameDurationCode;
 }
 
 }  // namespace sonvex

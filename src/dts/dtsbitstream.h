@@ -53,6 +53,9 @@ struct TDtsSubstreamInfo {
   uint32_t sampleRate = 0;
   uint32_t bits = 0;
   uint32_t channels = 0;
+  uint32_t ssIndex = 0;           // substream index
+  uint32_t refClock = 0;          // Hz of the reference clock, 0 when out of range
+  uint32_t frameDurationCode = 0; // the frame lasts 512 x this many clock periods
   std::vector<TAsset> assets;
 };
 
@@ -72,6 +75,7 @@ struct TDtsFrameInfo {
   uint32_t bits = 0;
   uint32_t bitrate = 0;
   uint32_t samplesPerFrame = 0;
+  uint32_t clockRate = 0;  // the rate `samplesPerFrame` counts in when not `sampleRate`
   uint32_t channelMask = 0;
   uint32_t channels = 0;
   uint32_t lfe = 0;
@@ -83,6 +87,16 @@ struct TDtsFrameInfo {
 // it. `size` is what is available from there on. `dump` writes the fields to the console; `first`
 // adds the search for XCh data in the outdated layout.
 TDtsFrameInfo ParseDtsFrame(const uint8_t* data, uint32_t size, bool dump, bool first);
+
+// A DTS-HD stream without core (DTS Express, some lossless-only tracks): each frame is one or
+// more extension substreams, from one of index 0 up to the next of index 0. Parses the frame
+// at data[0] into the same facts as ParseDtsFrame, with `coreSize` 0; result 2 when the frame
+// runs past the data or isn't followed by the next one.
+TDtsFrameInfo ParseDtsSubstreamFrame(const uint8_t* data, uint32_t size, bool dump);
+
+// Samples of the frame at data[0] at the rate it is timed with: from the core header, or for a
+// frame without core from its first substream header (0 when it can't be told).
+uint32_t DtsFrameSamples(const uint8_t* frame, uint32_t size);
 
 // Parses the extension substream that starts at data[0].
 TDtsSubstreamInfo ParseExtensionSubstream(const uint8_t* data, uint32_t size, bool dump);

@@ -23,6 +23,9 @@ bool TDtsCoreExtractor::Write(SenderId sender, bool isHeader, const uint8_t* dat
                               int64_t position, bool flush) {
   if (!valid) return false;
   if (!CheckUpStreams("DTS core extractor")) return false;
+  // A DTS-HD stream without core has nothing to give.
+  if (size >= 4 && DtsSyncAt(data, size, 0, kDtsSubstreamSync))
+    return Fail("This DTS-HD stream has no core to extract.");
   uint32_t coreSize = size >= 8 ? DtsCoreSize(data) : size;
   if (coreSize > size) coreSize = size;
   return Send(false, data, coreSize, position, flush);

@@ -29,7 +29,8 @@ bool TDtsDelayer::Write(SenderId sender, bool isHeader, const uint8_t* data, uin
     const int64_t delay = DelaySum();
     if (delay != 0) Log(0, "Applying DTS delay...");
     // Samples of one frame; at 96 kHz the core counts half of them.
-    int64_t s = size >= 6 ? DtsSamplesPerFrame(data) : 512;
+    int64_t s = size >= 6 ? DtsFrameSamples(data, size) : 512;
+    if (s == 0) s = 512;
     if (sampleRate == 96000) s *= 2;
     const int64_t hundredths = delay * int64_t(sampleRate / 100);
     delayFrames = delay >= 0 ? (hundredths + s * 5) / (s * 10) : (hundredths - s * 5) / (s * 10);

@@ -1,6 +1,8 @@
 // The DTS dialnorm remover stage.
 #include "dts/dtsdialnormremover.h"
 
+#include "dts/dtsbitstream.h"
+
 namespace sonvex {
 
 bool TDtsDialnormRemover::InitAudio(const std::string& format, uint32_t channels,
@@ -17,7 +19,9 @@ bool TDtsDialnormRemover::Write(SenderId sender, bool isHeader, const uint8_t* d
                                 uint32_t size, int64_t position, bool flush) {
   if (!valid) return false;
   if (!CheckUpStreams("DTS dialnorm remover")) return false;
-  if (size < 13) return Send(false, data, size, position, flush);
+  // Short blocks, and frames without a core (DTS-HD substreams only), hold nothing to patch.
+  if (size < 13 || !DtsSyncAt(data, size, 0, kDtsCoreSync))
+    return Send(false, data, size, position, flush);
   if (data[4] & 2) return Fail("Dialnorm can't be removed because there's a CRC in the DTS file.");
   if (!StoreData(0, data, size))
     return Fail("The DTS dialnorm remover couldn't allocate enough memory.");

@@ -42,7 +42,7 @@ bool TDtsGapRealizer::Write(SenderId sender, bool isHeader, const uint8_t* data,
   if (framesUntilGap == 0 && framesToInsert == 0 && entryIndex == -1)
     return Send(false, data, size, -1, flush);
   if (samplesPerFrame == 0 && size >= 6) {
-    samplesPerFrame = DtsSamplesPerFrame(data);
+    samplesPerFrame = DtsFrameSamples(data, size);
     if (sampleRate == 96000) samplesPerFrame *= 2;  // never so here: the rate is kept at 48000
   }
   if (samplesPerFrame == 0 || sampleRate < 100) return Send(false, data, size, -1, flush);

@@ -106,19 +106,19 @@ bool TDtsReader::AnnounceFirstFrame(TDtsFrameInfo& info) {
   if (info.result == 2) return Fail("Invalid DTS-HD stream.");
   if (info.result != 0) return Fail("The DTS reader raised an unexpected error.");
 
-  sampleRate = info.sampleRate;
+  sampleRate = info.clockRate ? info.clockRate : info.sampleRate;
   samplesPerFrame = info.samplesPerFrame;
   hasExtension = info.hasExtension;
-  const bool is96k = info.sampleRate == 96000;
+  const bool is96k = info.sampleRate == 96000 && !info.clockRate;
   if (!timestampsSeen)
     initialDelayMicro -= is96k ? uint32_t(info.samplesPerFrame * 1000u) / 48
-                               : uint32_t(info.samplesPerFrame * 1000000u) / info.sampleRate;
+                               : uint32_t(info.samplesPerFrame * 1000000u) / sampleRate;
   uint64_t length = 0;
   const uint64_t frameBytes = uint64_t(info.coreSize) + info.extensionSize + info.padding;
   const bool master = info.hasExtension && info.isMaster;
   if (!master && info.bitrate != 0 && totalBytes > 0)
     length = uint64_t(totalBytes) / frameBytes * 1000 * info.samplesPerFrame /
-             (is96k ? 48000 : info.sampleRate);
+             (is96k ? 48000 : sampleRate);
   const char* tag = !info.hasExtension ? "dts" : master ? "dtsma" : "dtshr";
   SetAudioDetails(tag, info.formatName, info.channelText, "", uint32_t(length), info.channels,
                   info.channelMask, info.bits, info.sampleRate, info.bitrate, info.dialnorm, 0,
@@ -133,16 +133,21 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
   if (!valid) return false;
   if (!CheckUpStreams("DTS reader")) return false;
   if (!formatReceived) return Fail("The DTS reader didn't receive the format information.");
-  if (size && !StoreData(0, data, size))
+  // The stream bytes of the input: all of it, or the "STRMDATA" chunk of a .dtshd file.
+  const uint32_t before = BufferFill(0);
+  auto store = [this](const uint8_t* bytes, uint32_t count) { return StoreData(0, bytes, count); };
+  if ((size && !chunks.Feed(data, size, store)) || (finishing && !chunks.Flush(store)))
     return Fail("The DTS reader couldn't allocate enough memory.");
   if (position != -1) {
     timestampsSeen = true;
     if (position != lastTimestamp) {
       lastTimestamp = position;
-      pendingStamps.push_back({int64_t(BufferFill(0)) - int64_t(size), position});
+      pendingStamps.push_back({int64_t(before), position});
     }
   }
 
+  if (coreless || (!formatAnnounced && StartsWithoutCore())) return TakeSubstreamFrames();
+  if (!valid || waitingForCore) return valid;
   if (!formatAnnounced && BufferFill(0) >= 4 &&
       !DtsSyncAt(BufferData(0), BufferFill(0), 0, kDtsCoreSync)) {
     if (exactStart) return Fail("This doesn't seem to be a valid DTS file.");
@@ -154,6 +159,10 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
   while (valid && BufferFill(0) - consumed >= 13) {
     const uint8_t* buf = BufferData(0) + consumed;
     const uint32_t fill = BufferFill(0) - consumed;
+    // Every frame starts where the size of the one before said: a frame whose size field is
+    // damaged shows here, at the latest.
+    if (formatAnnounced && !finishing && !DtsSyncAt(buf, fill, 0, kDtsCoreSync))
+      return FailNotClean();
     uint64_t coreSize = DtsCoreSize(buf), extensionSize = 0, padding = 0;
     if (coreSize < kDtsMinCoreSize || coreSize > kDtsMaxCoreSize)
       return Fail("This doesn't seem to be a valid DTS file.");
@@ -191,15 +200,14 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
         info.result = 1;
       if (!AnnounceFirstFrame(info)) return false;
     } else if (info.result > 0 || info.hasExtension != hasExtension) {
-      if (finishing && fill < coreSize + extensionSize) {
+      // A frame cut off by the end of the stream, unless a good frame starts inside it: then
+      // its size field is damaged.
+      if (finishing && fill < coreSize + extensionSize && !GoodFrameInside(buf, fill)) {
         Log(1, "The last DTS frame is incomplete and thus gets skipped.");
         consumed = BufferFill(0);
         break;
       }
-      valid = false;
-      Log(2, "This track is not clean. Processing aborted.");
-      Log(2, "Please clean the track with delaycut and then retry sonvex.");
-      return false;
+      return FailNotClean();
     }
     framesChecked++;
     if (trackGaps && !pendingStamps.empty() && pendingStamps[0].offset <= 0) {
@@ -223,6 +231,96 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
   }
   RemoveData(0, consumed);
   return valid;
+}
+
+// A stream that opens with extension substreams and has another substream, not a core frame,
+// behind the first frame has no core. One that has a core frame there is a DTS-HD stream cut
+// in the middle of a frame, which the search for the first core frame takes care of.
+bool TDtsReader::StartsWithoutCore() {
+  waitingForCore = false;
+  const uint8_t* buf = BufferData(0);
+  const uint32_t fill = BufferFill(0);
+  if (!DtsSyncAt(buf, fill, 0, kDtsSubstreamSync)) return false;
+  TDtsFrameInfo info = ParseDtsSubstreamFrame(buf, fill, false);
+  const uint64_t end = uint64_t(info.extensionSize) + info.padding;
+  if (info.result == 1) return false;
+  if (end + 4 > fill && !finishing) {
+    waitingForCore = true;  // the decision needs the start of the next frame
+    return false;
+  }
+  coreless = info.result == 0;
+  return coreless;
+}
+
+// The frames of a stream without core: each one or more extension substreams.
+bool TDtsReader::TakeSubstreamFrames() {
+  uint32_t consumed = 0;
+  while (valid && BufferFill(0) - consumed >= 4) {
+    const uint8_t* buf = BufferData(0) + consumed;
+    const uint32_t fill = BufferFill(0) - consumed;
+    if (!DtsSyncAt(buf, fill, 0, kDtsSubstreamSync)) {
+      if (!finishing) {
+        FailNotClean();
+        break;
+      }
+      Log(1, "The last DTS frame is incomplete and thus gets skipped.");
+      consumed = BufferFill(0);
+      break;
+    }
+    TDtsFrameInfo info = ParseDtsSubstreamFrame(buf, fill, !formatAnnounced && dumpHeaders);
+    const uint64_t frameSize = info.extensionSize;
+    if (info.result == 2 && !finishing && frameSize + 4 > fill) break;
+    if (!formatAnnounced) {
+      formatAnnounced = true;
+      const TDtsHdFacts& facts = chunks.Facts();
+      if (facts.present) {
+        if (info.sampleRate == 0) info.sampleRate = facts.sampleRate;
+        if (info.channels == 0) {
+          info.channels = facts.channels;
+          info.channelText = DefaultChannelLayout(info.channels);
+          info.channelMask = DefaultChannelMask(info.channels);
+        }
+      }
+      if (info.result == 0 && info.samplesPerFrame == 0) info.result = 1;
+      if (!AnnounceFirstFrame(info)) break;
+    } else if (info.result != 0) {
+      if (finishing && fill < frameSize) {
+        Log(1, "The last DTS frame is incomplete and thus gets skipped.");
+        consumed = BufferFill(0);
+        break;
+      }
+      FailNotClean();
+      break;
+    }
+    framesChecked++;
+    if (trackGaps && !pendingStamps.empty() && pendingStamps[0].offset <= 0) {
+      int64_t stamp = pendingStamps[0].stamp;
+      while (!pendingStamps.empty() && pendingStamps[0].offset <= 0)
+        pendingStamps.erase(pendingStamps.begin());
+      tracker.AddStamp(stamp, framesSent, Clock());
+    }
+    valid = Send(false, buf, uint32_t(frameSize), -1, false);
+    framesSent++;
+    consumed += uint32_t(std::min<uint64_t>(frameSize + info.padding, fill));
+    ShiftStamps(uint32_t(frameSize + info.padding));
+  }
+  RemoveData(0, consumed);
+  return valid;
+}
+
+bool TDtsReader::FailNotClean() {
+  valid = false;
+  Log(2, "This track is not clean. Processing aborted.");
+  Log(2, "Please clean the track with delaycut and then retry sonvex.");
+  return false;
+}
+
+bool TDtsReader::GoodFrameInside(const uint8_t* frame, uint32_t size) {
+  for (uint32_t at = 1; at + 4 <= size; at++)
+    if (DtsSyncAt(frame, size, at, kDtsCoreSync) &&
+        ParseDtsFrame(frame + at, size - at, false, false).result == 0)
+      return true;
+  return false;
 }
 
 bool TDtsReader::Finish() {

@@ -9,6 +9,7 @@
 
 #include "ac3/gaptracker.h"
 #include "dts/dtsbitstream.h"
+#include "dts/dtshdfile.h"
 #include "framework/smallstages.h"
 #include "framework/upstream.h"
 
@@ -49,6 +50,14 @@ private:
   void DropBytes(uint32_t count);
   // Moves the stamps' offsets with `count` bytes taken from the front.
   void ShiftStamps(uint32_t count);
+  // Whether the stream is a DTS-HD stream without core frames; sets `coreless`.
+  bool StartsWithoutCore();
+  // The frame loop of such a stream.
+  bool TakeSubstreamFrames();
+  // The pair of messages that ends a damaged stream; false.
+  bool FailNotClean();
+  // Whether a good frame starts somewhere behind the first byte of `frame`.
+  static bool GoodFrameInside(const uint8_t* frame, uint32_t size);
   // Duration of a frame: samples at the core rate, which is 48 kHz for 96/24.
   TFrameClock Clock() const;
 
@@ -79,6 +88,11 @@ private:
   // Bytes the frame at the front needs before it is parsed again (its substreams are longer than
   // their short size fields said).
   uint64_t waitFor = 0;
+  // The chunks of a .dtshd file around the stream.
+  TDtsHdChunks chunks;
+  // The stream has no core frames; or it opens with substreams and more data must tell.
+  bool coreless = false;
+  bool waitingForCore = false;
 };
 
 }  // namespace sonvex

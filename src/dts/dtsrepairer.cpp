@@ -18,7 +18,9 @@ bool TDtsRepairer::Write(SenderId sender, bool isHeader, const uint8_t* data, ui
                          int64_t position, bool flush) {
   if (!valid) return false;
   if (!CheckUpStreams("DTS repairer")) return false;
-  if (size < 13) return Send(false, data, size, position, flush);
+  // Short blocks, and frames without a core (DTS-HD substreams only), hold nothing to patch.
+  if (size < 13 || !DtsSyncAt(data, size, 0, kDtsCoreSync))
+    return Send(false, data, size, position, flush);
   if (data[4] & 2) return Fail("The bitstream can't be repaired because there's a CRC in the DTS file.");
   if (!StoreData(0, data, size)) return Fail("The DTS repairer couldn't allocate enough memory.");
   uint8_t* frame = BufferData(0);

@@ -1,7 +1,10 @@
 // TFormatDetector: the walk over the candidates, their dropping, and the choice of details.
 #include "files/formatdetector.h"
 
+#include <algorithm>
+
 #include "files/detectorcandidates.h"
+#include "files/junkscan.h"
 #include "framework/smallstages.h"
 
 namespace sonvex {
@@ -18,7 +21,11 @@ std::shared_ptr<TFormatDetector> TFormatDetector::Create(bool evoOption, bool ts
     // Only the WAV/DTS slot names the DTS reader.
     if (slot.index == kDtsWavSlot) dtsReader = context.dtsWavReader;
   }
-  return CreateWith(candidates, dtsReader);
+  auto detector = CreateWith(candidates, dtsReader);
+  detector->canRestart = true;
+  detector->evoOption = evoOption;
+  detector->tsOption = tsOption;
+  return detector;
 }
 
 std::shared_ptr<TFormatDetector> TFormatDetector::CreateWith(
@@ -65,6 +72,62 @@ void TFormatDetector::Drop(uint32_t index) {
 // stop reading: detection is over, or no candidate took the data.
 bool TFormatDetector::Write(SenderId, bool isHeader, const uint8_t* data, uint32_t size,
                             int64_t position, bool flush) {
+  if (!junkJudged && canRestart) {
+    size_t keep = std::min<size_t>(size, kJunkSearchLimit + kJunkSearchReserve - front.size());
+    front.insert(front.end(), data, data + keep);
+  }
+  bool result = Walk(isHeader, data, size, position, flush);
+  if (!junkJudged && canRestart &&
+      (!result || front.size() >= kJunkSearchLimit + kJunkSearchReserve) && LookPastJunk())
+    result = Walk(false, front.data() + junkSkipped, uint32_t(front.size() - junkSkipped), -1, false);
+  if (junkJudged) std::vector<uint8_t>().swap(front);
+  return result;
+}
+
+// A container found behind junk wins over whatever was taken for a bare stream in front of it;
+// a stream behind junk counts only where nothing at all was found.
+bool TFormatDetector::LookPastJunk() {
+  junkJudged = true;
+  const uint64_t size = front.size();
+  uint64_t start = kNoStart;
+  if (!Alive(0) && !Alive(1)) start = FindTransportStreamStart(front.data(), size, kJunkSearchLimit);
+  if (start == kNoStart || start == 0) {
+    bool found = false;
+    for (uint32_t i = 0; i < upStreams.size() && !found; i++)
+      if (upStreams[i] && (upStreams[i]->AudioDetails()->IsValid() ||
+                           upStreams[i]->VideoDetails()->IsValid() ||
+                           upStreams[i]->ContainerDetails()->IsValid()))
+        found = true;
+    if (found) return false;
+    start = FindAudioStreamStart(front.data(), size, kJunkSearchLimit);
+    if (start == kNoStart || start == 0) return false;
+  }
+  junkSkipped = start;
+  Log(1, "Skipped " + std::to_string(start) + " bytes of leading junk.");
+  // Fresh candidates, told what the source told, as if the source began behind the junk.
+  for (uint32_t i = 0; i < upStreams.size(); i++)
+    if (upStreams[i]) Drop(i);
+  TCandidateContext context;
+  context.evoOption = evoOption;
+  context.tsOption = tsOption;
+  std::vector<UpStreamRef> candidates;
+  for (const TCandidateSlot& slot : kCandidateSlots) {
+    context.dtsWavReader = nullptr;
+    candidates.push_back(slot.factory(context));
+    if (slot.index == kDtsWavSlot) dtsWavReader = context.dtsWavReader;
+  }
+  dtsWavHead = dtsWavReader && candidates.size() > kDtsWavSlot ? candidates[kDtsWavSlot] : nullptr;
+  SetCandidates(candidates);
+  bytesSeen = 0;
+  for (auto& candidate : upStreams)
+    if (candidate) candidate->InitContainer(containerTag, containerSize, containerPlayTime);
+  if (audioAnnounced)
+    InitAudio("?", 1, 8, 48000, false, std::max<int64_t>(audioTotalSize - int64_t(start), 0));
+  return true;
+}
+
+bool TFormatDetector::Walk(bool isHeader, const uint8_t* data, uint32_t size, int64_t position,
+                           bool flush) {
   bool result = false;
   for (uint32_t i = 0; i < upStreams.size(); i++) {
     UpStreamRef candidate = upStreams[i];
@@ -89,6 +152,8 @@ bool TFormatDetector::Write(SenderId, bool isHeader, const uint8_t* data, uint32
 bool TFormatDetector::InitAudio(const std::string& format, uint32_t channels,
                                 uint32_t bitsPerSample, uint32_t sampleRate, bool bigEndian,
                                 int64_t totalSize) {
+  audioAnnounced = true;
+  if (junkSkipped == 0) audioTotalSize = totalSize;
   if (dtsWavReader && dtsWavReader->IsValid())
     dtsWavReader->InitAudio(format, channels, bitsPerSample, sampleRate, bigEndian, totalSize);
   bool any = false;
@@ -124,6 +189,9 @@ bool TFormatDetector::InitSubtitle(const std::string& format) {
 bool TFormatDetector::InitContainer(const std::string& format, int64_t totalSize,
                                     int64_t playTime) {
   if (!valid) return false;
+  containerTag = format;
+  containerSize = totalSize;
+  containerPlayTime = playTime;
   for (auto& candidate : upStreams)
     if (candidate) candidate->InitContainer(format, totalSize, playTime);
   return valid;
@@ -132,6 +200,10 @@ bool TFormatDetector::InitContainer(const std::string& format, int64_t totalSize
 // The candidates still in the race finish their streams; their results don't count.
 bool TFormatDetector::Finish() {
   if (!valid) return false;
+  if (!junkJudged && canRestart && LookPastJunk()) {
+    Walk(false, front.data() + junkSkipped, uint32_t(front.size() - junkSkipped), -1, false);
+    std::vector<uint8_t>().swap(front);
+  }
   for (auto& candidate : upStreams)
     if (candidate) candidate->Finish();
   return valid;

@@ -52,16 +52,35 @@ public:
   // The candidate in a slot, nil once dropped or when absent.
   UpStreamRef Candidate(uint32_t index) const { return GetSlot(index); }
   uint64_t BytesSeen() const { return bytesSeen; }
+  // Bytes of leading junk in front of what was found; the working pass reads from there.
+  uint64_t JunkSkipped() const { return junkSkipped; }
 
 private:
   UpStreamRef GetSlot(uint32_t index) const;
   bool Alive(uint32_t index) const;
   void Drop(uint32_t index);
   void SetCandidates(const std::vector<UpStreamRef>& candidates);
+  // The walk over the candidates with one block.
+  bool Walk(bool isHeader, const uint8_t* data, uint32_t size, int64_t position, bool flush);
+  // Looks behind leading junk when the front of the source held nothing; true when the
+  // candidates started afresh behind the junk.
+  bool LookPastJunk();
 
   uint64_t bytesSeen = 0;
   UpStreamRef dtsWavReader;
   UpStreamRef dtsWavHead;  // the first stage of the chain that ends in dtsWavReader
+
+  // Leading junk. The front of the source is kept until it is judged; the candidates of the
+  // fixed list can be made again (not those given to CreateWith).
+  bool canRestart = false;
+  bool evoOption = false, tsOption = false;
+  bool junkJudged = false;
+  uint64_t junkSkipped = 0;
+  std::vector<uint8_t> front;
+  std::string containerTag = "?";
+  int64_t containerSize = 0, containerPlayTime = 0;
+  bool audioAnnounced = false;
+  int64_t audioTotalSize = 0;
 };
 
 }  // namespace sonvex

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "files/junkscan.h"
 #include "files/sourceprobe.h"
 #include "framework/console.h"
 
@@ -168,6 +169,15 @@ void TSourceFiles::ProbeEvo(size_t index, const uint8_t* head, size_t headSize, 
 void TSourceFiles::ProbeTs(size_t index, const uint8_t* head, size_t headSize, uint8_t* tail,
                            TTsProbe& ts) {
   uint32_t packetSize = DetectTsPacketSize(head, headSize);
+  // Leading junk in front of the first file's packets: detection skips it, and so does the walk.
+  size_t junk = 0;
+  if (packetSize == 0 && index == 0) {
+    uint64_t start = FindTransportStreamStart(head, headSize, kJunkSearchLimit);
+    if (start != kNoStart && start < headSize) {
+      junk = size_t(start);
+      packetSize = DetectTsPacketSize(head + junk, headSize - junk);
+    }
+  }
   if (packetSize == 0) {
     isTs = false;
     return;
@@ -183,13 +193,14 @@ void TSourceFiles::ProbeTs(size_t index, const uint8_t* head, size_t headSize, u
   };
   ts.Reset();
   TProbeStamps stamps;
-  TTsProbe::TWalk walk = ts.Walk(head, headSize, packetSize, kTsHeadPackets, true, stamps);
+  TTsProbe::TWalk walk =
+      ts.Walk(head + junk, headSize - junk, packetSize, kTsHeadPackets, true, stamps);
   if (walk == TTsProbe::TWalk::kBadPes) return badPes();
   if (walk == TTsProbe::TWalk::kDamaged || stamps.firstAny < 0) return;
   // The last packets, from a packet boundary.
   int64_t span = int64_t(kTsTailPackets) * packetSize;
-  int64_t start = std::max<int64_t>(0, sizes[index] - span);
-  start = (start + packetSize - 1) / packetSize * packetSize;
+  int64_t start = std::max<int64_t>(int64_t(junk), sizes[index] - span) - int64_t(junk);
+  start = int64_t(junk) + (start + packetSize - 1) / packetSize * packetSize;
   size_t tailSize = 0;
   size_t want = size_t(std::min<int64_t>(span, sizes[index] - start));
   if (!ReadAt(index, start, tail, want, tailSize)) {

@@ -98,6 +98,10 @@ public:
   virtual void SetInitialDelay(int32_t ms) = 0;
 };
 
+// Bits of an audio block's `extra` field. E-AC-3 whose access units open with an AC-3 frame
+// (Blu-ray 7.1): that frame is a complete AC-3 stream of its own.
+constexpr uint32_t kAudioExtraAc3Core = 1;
+
 // The blocks themselves. Fields keep the names of the format; the interfaces above read them.
 struct TAudioBlock : IAudioFormatDetails {
   bool audioValid = false;

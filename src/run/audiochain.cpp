@@ -131,13 +131,20 @@ bool AppendGapsAndDelay(const UpStreamRef& chain, const UpStreamRef& realizer,
   return true;
 }
 
+// E-AC3 whose units open with an AC-3 frame (Blu-ray 7.1) gives that frame to an AC-3 file.
+bool TakesAc3Core(const IAudioFormatDetails& details, const TAction& action) {
+  return details.Format() == "eac3" && (details.Extra() & kAudioExtraAc3Core) &&
+         ExtensionOf(action.dest) == ".ac3";
+}
+
 // "ac3" and "eac3": reader, [core extractor], [dialnorm remover], then gaps and delay for an
 // untouched stream.
 bool BuildAc3Input(const UpStreamRef& chain, const IAudioFormatDetails& details, TAction& action,
                    TAudioBuild& build, bool untouched) {
   bool ok = chain->AppendUpStream(TAc3Reader::Create(build.gapFileName, build.gapList, false));
-  // libav decodes every substream of E-AC3, so the core is only taken out when asked for.
-  if (ok && details.Format() == "eac3" && action.core)
+  // libav decodes every substream of E-AC3, so the core is only taken out when asked for, or
+  // when an AC-3 destination can take the AC-3 core of a Blu-ray unit as it stands.
+  if (ok && details.Format() == "eac3" && (action.core || TakesAc3Core(details, action)))
     ok = chain->AppendUpStream(TEac3CoreExtractor::Create());
   if (ok && !action.keepDialnorm) ok = chain->AppendUpStream(TAc3DialnormRemover::Create());
   if (ok && untouched) {
@@ -338,7 +345,9 @@ void ApplyDownmixRule(TAction& action, uint32_t channels) {
 
 bool KeepsCompressed(const IAudioFormatDetails& details, const TAction& action) {
   std::string tag = details.Format();
-  if (!MatchesRule(kCompressedDestinations, ExtensionOf(action.dest), tag)) return false;
+  if (!MatchesRule(kCompressedDestinations, ExtensionOf(action.dest), tag) &&
+      !TakesAc3Core(details, action))
+    return false;
   if (action.bitrate != 0 && uint64_t(action.bitrate) * 1000 != details.Bitrate()) return false;
   if (action.resampleTo != 0 && uint32_t(action.resampleTo) != details.SampleRate()) return false;
   return !action.slowdown && !action.speedup && action.remap.empty() && !action.down2;

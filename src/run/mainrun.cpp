@@ -139,6 +139,7 @@ bool TMainRun::Analyse() {
   if (container && container->IsValid()) info.container = container;
   if (audio && audio->IsValid()) info.audioDetails = audio;
   if (video && video->IsValid()) info.videoDetails = video;
+  info.junkBytes = int64_t(detector->JunkSkipped());
   if (!info.container && !info.audioDetails && !info.videoDetails && LooksLikeRawPcm())
     AnalyseRaw();
   if (!info.container && !info.audioDetails && !info.videoDetails) {

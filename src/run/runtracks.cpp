@@ -192,6 +192,7 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
   int64_t limit = int64_t(options.megabytes) * 1024 * 1024;
   auto source = TSourceFiles::Create(options.sources, rateNum, rateDen, limit);
   if (!source->IsValid()) return false;
+  if (info.junkBytes > 0) source->Seek(info.junkBytes);
 
   // Track numbers and destinations are checked ahead of any building.
   std::vector<TTrackRef> refs;

@@ -22,6 +22,7 @@ struct TSourceInfo {
   int32_t trackBase = 0;
   bool joinedContainer = false;
   std::string chapterText;
+  int64_t junkBytes = 0;  // leading junk that detection skipped; the pass reads behind it
 };
 
 struct TTrackRef {

@@ -184,6 +184,7 @@ bool TTsDemuxer::ParseStreams(TsPidEntry& entry) {
     i += 2;
     fill -= 2;
     if (fill < esLength) break;
+    const bool noDescriptors = esLength == 0;
     std::string reg;
     while (esLength > 2 && uint32_t(s[i + 1]) + 2 <= esLength) {
       uint32_t length = s[i + 1];
@@ -195,13 +196,14 @@ bool TTsDemuxer::ParseStreams(TsPidEntry& entry) {
     i += esLength;
     fill -= esLength;
     if (reg.empty() && entry.ProgramHdmv) reg = "HDMV";
-    Classify(pid, type, reg);
+    Classify(pid, type, reg, noDescriptors);
   }
   return valid;
 }
 
-bool TTsDemuxer::Classify(uint32_t pid, uint8_t type, const std::string& reg) {
-  TsStreamClass found = ClassifyTsStream(type, reg, false);
+bool TTsDemuxer::Classify(uint32_t pid, uint8_t type, const std::string& reg,
+                          bool noDescriptors) {
+  TsStreamClass found = ClassifyTsStream(type, reg, false, noDescriptors);
   if (found.kind == TsClass::None) return true;
   bool isVideo = found.kind == TsClass::Video;
   uint8_t kind = isVideo ? 2 : 3;

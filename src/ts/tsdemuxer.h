@@ -42,7 +42,7 @@ private:
   bool HandlePat(const uint8_t* packet, uint32_t p, bool unitStart);
   bool HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, bool unitStart);
   bool ParseStreams(TsPidEntry& entry);
-  bool Classify(uint32_t pid, uint8_t type, const std::string& reg);
+  bool Classify(uint32_t pid, uint8_t type, const std::string& reg, bool noDescriptors = false);
   void Announce(bool isVideo, uint32_t pid, const std::string& tag);
   void Deliver(uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart);
 

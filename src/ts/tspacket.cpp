@@ -116,7 +116,9 @@ bool HasHdmvRegistration(const uint8_t* descriptors, uint32_t length) {
   return false;
 }
 
-TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio) {
+TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio,
+                               bool noDescriptors) {
+  if (type == 6 && noDescriptors) return {TsClass::Audio, "?", ""};
   if (type == 0x80 && reg != "HDMV") return {TsClass::Video, "mpeg2", ", MPEG2"};
   if (type == 0x0F && !aacMpeg2IsAudio) return {};
   for (const TsTypeEntry& entry : kTsTypes)
@@ -127,6 +129,19 @@ TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpe
 std::string HexByteText(uint8_t value) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   return std::string("$") + kDigits[value >> 4] + kDigits[value & 15];
+}
+
+std::string TsPayloadTag(const uint8_t* pes, uint32_t size) {
+  // packet_start_code_prefix, stream_id, PES_packet_length, two flag bytes, header length.
+  if (size < 9 || pes[0] != 0 || pes[1] != 0 || pes[2] != 1) return {};
+  uint32_t at = 9u + pes[8];
+  if (at + 4 > size) return {};
+  const uint8_t* p = pes + at;
+  if ((p[0] == 0x7F && p[1] == 0xFE && p[2] == 0x80 && p[3] == 0x01) ||
+      (p[0] == 0x64 && p[1] == 0x58 && p[2] == 0x20 && p[3] == 0x25))
+    return "dts";
+  if (p[0] == 0x0B && p[1] == 0x77) return "ac3";
+  return {};
 }
 
 }  // namespace sonvex

@@ -40,7 +40,14 @@ struct TsStreamClass {
 
 // Video: types 1, 2, 0x1B, 0xEA, and 0x80 without the "HDMV" registration. Audio: 3, 4, 0x0F,
 // 0x11, 0x80..0x87, 0xA1, 0xA2. `aacMpeg2IsAudio` is false in the demuxer, which leaves 0x0F alone.
-TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio);
+// A private stream (type 6) with no descriptor at all is audio whose kind its payload tells
+// (tag "?"), as other muxers write DTS and AC-3 without registration.
+TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio,
+                               bool noDescriptors = false);
+
+// The reader tag for the payload of a private stream's PES packet (from its start code on):
+// "dts" for a DTS core or DTS-HD substream sync, "ac3" for an (E-)AC-3 sync; empty otherwise.
+std::string TsPayloadTag(const uint8_t* pes, uint32_t size);
 
 // "$" and two upper-case hexadecimal digits.
 std::string HexByteText(uint8_t value);

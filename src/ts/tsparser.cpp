@@ -163,6 +163,7 @@ bool TTsParser::ParseStreams(TsPidEntry& entry) {
     i += 2;
     fill -= 2;
     if (fill < esLength) break;
+    const bool noDescriptors = esLength == 0;
     std::string reg;
     while (esLength > 2 && uint32_t(s[i + 1]) + 2 <= esLength) {
       uint32_t length = s[i + 1];
@@ -174,14 +175,15 @@ bool TTsParser::ParseStreams(TsPidEntry& entry) {
     i += esLength;
     fill -= esLength;
     if (reg.empty() && entry.ProgramHdmv) reg = "HDMV";
-    Classify(pid, type, reg, listing ? &text : nullptr);
+    Classify(pid, type, reg, listing ? &text : nullptr, noDescriptors);
     if (listing) Log(0, text, true);
   }
   return valid;
 }
 
-bool TTsParser::Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text) {
-  TsStreamClass found = ClassifyTsStream(type, reg, true);
+bool TTsParser::Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text,
+                         bool noDescriptors) {
+  TsStreamClass found = ClassifyTsStream(type, reg, true, noDescriptors);
   if (found.kind == TsClass::None) return true;
   bool isVideo = found.kind == TsClass::Video;
   const char* kindName = isVideo ? "video" : "audio";
@@ -217,20 +219,25 @@ void TTsParser::AddTrack(bool isVideo, uint32_t pid, const std::string& tag,
   track.IsVideo = isVideo;
   track.Pid = pid;
   track.Description = description;
+  track.ByPayload = tag == "?";
+  if (!track.ByPayload) MakeChain(track, tag);
+  tracks.push_back(std::move(track));
+}
+
+void TTsParser::MakeChain(TsTrack& track, const std::string& tag) {
   UpStreamRef reader = readerFactory(tag, DtsOption);
   if (!reader) {
     Log(2, "The Ts found an unexpected audio/video format (" + tag + ").");
-  } else {
-    track.Chain = TPesParser::Create(true);
-    track.Chain->SetUpStream(reader);
-    reader->SetUpStream(TFileSimulator::Create());
-    track.Chain->SetSilent(true);
-    if (isVideo)
-      reader->InitVideo(tag, false, false, 0, 0, 0, 0, 0, 0, "");
-    else
-      reader->InitAudio(tag, 0, 0, 0, false, 0);
+    return;
   }
-  tracks.push_back(std::move(track));
+  track.Chain = TPesParser::Create(true);
+  track.Chain->SetUpStream(reader);
+  reader->SetUpStream(TFileSimulator::Create());
+  track.Chain->SetSilent(true);
+  if (track.IsVideo)
+    reader->InitVideo(tag, false, false, 0, 0, 0, 0, 0, 0, "");
+  else
+    reader->InitAudio(tag, 0, 0, 0, false, 0);
 }
 
 void TTsParser::AnnounceContainer() {
@@ -257,7 +264,13 @@ void TTsParser::FeedPes(bool isVideo, uint32_t pid, const uint8_t* data, uint32_
     }
     firstOfKind = false;
   }
-  if (!track || track->Reported || !track->Chain || !track->Chain->IsValid()) return;
+  if (!track || track->Reported) return;
+  // A private stream gets its reader from the first PES payload that shows a known sync word.
+  if (track->ByPayload && !track->Chain && unitStart) {
+    std::string tag = TsPayloadTag(data, size);
+    if (!tag.empty()) MakeChain(*track, tag);
+  }
+  if (!track->Chain || !track->Chain->IsValid()) return;
   int64_t firstPts = track->Chain->FirstPts();
   if (firstPts != -1 && track->FirstPts == -1) track->FirstPts = firstPts;
   if (unitStart) track->Chain->Write(0, false, nullptr, 0, -1, true);

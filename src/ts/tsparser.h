@@ -54,6 +54,7 @@ private:
     bool Reported = false;
     int64_t FirstPts = -1;
     std::string Description;
+    bool ByPayload = false;  // a private stream: the chain waits for a payload that tells
   };
 
   bool Damaged(const std::string& what);
@@ -61,7 +62,10 @@ private:
   bool HandlePat(const uint8_t* packet, uint32_t p, bool unitStart);
   bool HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, bool unitStart);
   bool ParseStreams(TsPidEntry& entry);
-  bool Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text);
+  bool Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text,
+                bool noDescriptors = false);
+  // Builds the private chain of a track for the reader of `tag`.
+  void MakeChain(TsTrack& track, const std::string& tag);
   void AddTrack(bool isVideo, uint32_t pid, const std::string& tag, const std::string& description);
   void FeedPes(bool isVideo, uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart);
   void AnnounceContainer();
