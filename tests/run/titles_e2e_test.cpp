@@ -242,7 +242,7 @@ TEST_F(DiscTitles, M2tsWithoutChaptersAsksForThemInVain) {
   SKIP_WITHOUT_TOOL("ffmpeg");
   fs::path disc = CopyDisc("bd-d3-join", dir);
   // Clip 7 alone is no playlist's clip list: no chapters, but the clip info's languages.
-  RunResult run = RunSonvex({(disc / "BDMV" / "STREAM" / "00007.m2ts").string(), "1:", "c.txt"},
+  RunResult run = RunSonvex({(disc / "BDMV" / "STREAM" / "00007.m2ts").string(), "c.txt"},
                             dir.path());
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_NE((run.out + run.err).find("\nDidn't find chapter information for this source.\n"),
