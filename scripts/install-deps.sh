@@ -3,7 +3,8 @@
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config ccache clang
           libavcodec-dev libavformat-dev libavutil-dev libflac-dev libsoxr-dev libgtest-dev
-          ffmpeg flac sox)
+          ffmpeg flac sox
+          libbluray-bin)  # bd_list_titles: an oracle of the disc tests and bench only
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -112,8 +112,8 @@ std::string TMainRun::TrackLanguage(const TTrackRef& ref) const {
   else if (ref.entry.details && ref.kind == TTrackKind::Subtitle)
     language = ref.entry.details->SubtitleDetails()->Language();
   if (!language.empty()) return LanguageName(language);
-  auto found = disc.languages.find(ref.entry.id);
-  return found == disc.languages.end() ? "" : found->second;
+  auto found = disc.languages.find({ref.kind == TTrackKind::Audio ? 1 : 2, ref.entry.id});
+  return found == disc.languages.end() || ref.kind == TTrackKind::Video ? "" : found->second;
 }
 
 // Demux names carry the language and the disc's name of the track.
@@ -121,8 +121,8 @@ std::string TMainRun::DiscNameSuffix(const TTrackRef& ref) const {
   std::string suffix;
   std::string language = TrackLanguage(ref);
   if (!language.empty()) suffix += ", " + language;
-  auto name = disc.names.find(ref.entry.id);
-  if (name != disc.names.end()) suffix += ", '" + name->second + "'";
+  auto name = disc.names.find({ref.kind == TTrackKind::Audio ? 1 : 2, ref.entry.id});
+  if (name != disc.names.end() && ref.kind != TTrackKind::Video) suffix += ", '" + name->second + "'";
   return suffix;
 }
 
@@ -185,7 +185,7 @@ void TMainRun::PrintListing() {
     return;
   }
   auto& c = *info.container;
-  disc = FindDiscFacts(options.sources, c.Format());
+  disc = FindDiscFacts(options.sources, c);
   WriteLine(0, c.Description() + (disc.titleName.empty() ? "" : " \"" + disc.titleName + "\""));
   int32_t earliest = 0x7FFFFFFF;
   TTrackEntry entry;
@@ -211,7 +211,7 @@ void TMainRun::PrintListing() {
       line += ", " + std::to_string(ref.entry.delay) + "ms";
     std::string language = TrackLanguage(ref);
     if (!language.empty()) line += ", " + language;
-    auto name = disc.names.find(ref.entry.id);
+    auto name = disc.names.find({ref.kind == TTrackKind::Audio ? 1 : 2, ref.entry.id});
     if (name != disc.names.end() && ref.kind == TTrackKind::Subtitle)
       line += ", \"" + name->second + "\"";
     WriteLine(0, line);

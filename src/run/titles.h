@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "framework/details.h"
+
 namespace sonvex {
 
 // Prints the titles if `folder` holds an HD DVD or a Blu-ray structure.
@@ -22,11 +24,13 @@ struct TDiscFacts {
   std::string titleName;    // HD DVD title name, shown behind the container line
   std::string chapterText;  // "CHAPTER01=..." text, empty without chapters
   std::string chapterLine;  // "Chapters, 21 chapters"
-  std::map<int32_t, std::string> languages;  // language names by track id
-  std::map<int32_t, std::string> names;      // track names by track id
+  // Language names and track names by kind (1 audio, 2 subtitle) and track id.
+  std::map<std::pair<int, int32_t>, std::string> languages;
+  std::map<std::pair<int, int32_t>, std::string> names;
 };
 
-// Looks for the playlist and clip information of `sources` (a container of tag `format`).
-TDiscFacts FindDiscFacts(const std::vector<std::string>& sources, const std::string& format);
+// Looks for the HD DVD or Blu-ray playlist and the clip information of the analysed `sources`.
+TDiscFacts FindDiscFacts(const std::vector<std::string>& sources,
+                         const IContainerFormatDetails& container);
 
 }  // namespace sonvex
