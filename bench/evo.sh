@@ -35,7 +35,7 @@ cat "$big" > /dev/null
 # ffmpeg can't read the HD DVD PCM header; its cheapest way out for that stream is the DVD LPCM
 # "decoder" into s16le, a byte swap like sonvex's.
 clean; t0=$(now)
-/usr/bin/time -f "%M %c %w" -o "$work/ff.time" ffmpeg -nostdin -v error -y -i "$big" \
+/usr/bin/time -f "%M %c %w %U %S" -o "$work/ff.time" ffmpeg -nostdin -v error -y -i "$big" \
   -map 0:i:0x1e0 -c copy -f mpeg2video "$work/out_ff_video.m2v" \
   -map 0:i:0x80 -c copy -f ac3 "$work/out_ff_ac3.ac3" \
   -map 0:i:0xa1 -c:a pcm_s16le -f s16le "$work/out_ff_pcm.raw" 2>/dev/null
@@ -43,17 +43,17 @@ sync
 t1=$(now); ff_time=$(echo "$t1 - $t0" | bc)
 
 clean; mkdir -p "$work/out_sv"; t0=$(now)
-(cd "$work/out_sv" && XDG_STATE_HOME="$work/.state" /usr/bin/time -f "%M %c %w" -o "$work/sv.time" \
+(cd "$work/out_sv" && XDG_STATE_HOME="$work/.state" /usr/bin/time -f "%M %c %w %U %S" -o "$work/sv.time" \
   "$build/sonvex" "$big" -demux >/dev/null)
 sync
 t1=$(now); sv_time=$(echo "$t1 - $t0" | bc)
 ls -l "$work"/out_sv/*.m2v "$work"/out_sv/*.ac3 "$work"/out_sv/*.pcm | awk '{print "  " $5 " " $NF}'
 
-read ff_mem ff_inv ff_vol < "$work/ff.time"
-read sv_mem sv_inv sv_vol < "$work/sv.time"
-printf 'ffmpeg -c copy:  %6.2f s  peak %6d KiB  context switches %d involuntary, %d voluntary\n' \
-  "$ff_time" "$ff_mem" "$ff_inv" "$ff_vol"
-printf 'sonvex -demux:   %6.2f s  peak %6d KiB  context switches %d involuntary, %d voluntary\n' \
-  "$sv_time" "$sv_mem" "$sv_inv" "$sv_vol"
+read ff_mem ff_inv ff_vol ff_user ff_sys < "$work/ff.time"
+read sv_mem sv_inv sv_vol sv_user sv_sys < "$work/sv.time"
+printf 'ffmpeg -c copy:  %6.2f s (cpu %5.2f user %5.2f sys)  peak %6d KiB  context switches %d involuntary, %d voluntary\n' \
+  "$ff_time" "$ff_user" "$ff_sys" "$ff_mem" "$ff_inv" "$ff_vol"
+printf 'sonvex -demux:   %6.2f s (cpu %5.2f user %5.2f sys)  peak %6d KiB  context switches %d involuntary, %d voluntary\n' \
+  "$sv_time" "$sv_user" "$sv_sys" "$sv_mem" "$sv_inv" "$sv_vol"
 printf 'sonvex / ffmpeg: %6.2f\n' "$(echo "$sv_time / $ff_time" | bc -l)"
 clean
