@@ -15,7 +15,6 @@ std::atomic<bool> authoringShown{false};
 
 }  // namespace
 
-bool TEvoDemuxer::AuthoringMessageShown() { return authoringShown; }
 void TEvoDemuxer::ResetAuthoringMessage() { authoringShown = false; }
 
 TEvoDemuxer::TEvoDemuxer(bool wantVideo, bool wantAudio, uint32_t wantId, uint32_t trackNumber)

@@ -28,8 +28,7 @@ public:
              bool flush) override;
   bool Finish() override;
 
-  // Whether the authoring line has been shown in this run.
-  static bool AuthoringMessageShown();
+  // The authoring line is shown once per run; a new run (in tests) may show it again.
   static void ResetAuthoringMessage();
 
 private:
