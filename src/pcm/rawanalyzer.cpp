@@ -50,6 +50,16 @@ uint32_t TRawAnalyzer::ActiveCandidates() const {
                                 [](const TCandidate& c) { return c.first != nullptr; }));
 }
 
+std::string TRawAnalyzer::Standings() const {
+  std::string text;
+  for (const TCandidate& c : candidates)
+    if (c.first)
+      text += std::to_string(c.channels) + "/" + std::to_string(c.bytes * 8) +
+              (c.bigEndian ? "be" : "le") + "+" + std::to_string(c.skip) + ": " +
+              std::to_string(c.sink->Size()) + "\n";
+  return text;
+}
+
 bool TRawAnalyzer::InitAudio(const std::string& format, uint32_t inChannels, uint32_t inBits,
                              uint32_t, bool, int64_t totalSize) {
   if (!valid) return false;
@@ -157,6 +167,7 @@ void TRawAnalyzer::CompareEndian() {
     Log(2, "The suggested endian (" + word + ") doesn't seem to fit.");
     endianKnown = false;
     valid = false;
+    refused = true;
   }
 }
 
@@ -169,6 +180,7 @@ void TRawAnalyzer::CompareDepth() {
     Log(2, text + "doesn't seem to fit.");
     bytes = 0;
     valid = false;
+    refused = true;
   }
 }
 
@@ -181,6 +193,7 @@ void TRawAnalyzer::CompareChannels() {
     Log(2, text + "doesn't seem to fit.");
     channels = 0;
     valid = false;
+    refused = true;
   }
 }
 
@@ -341,6 +354,7 @@ void TRawAnalyzer::ReportChannelCounts() {
 bool TRawAnalyzer::Finish() {
   if (!formatReceived) return false;
   if (valid && Unknown()) Analyse(true);
+  if (refused) return true;
   if (!Unknown() || !candidatesBuilt) {
     if (!Unknown()) SetDetails();
     return true;

@@ -50,6 +50,8 @@ public:
   uint32_t Channels() const override { return channels; }
   // The number of candidates still running (for tests and the curious).
   uint32_t ActiveCandidates() const;
+  // The candidates still running, one "channels/bits/le|be+skip: size" line each.
+  std::string Standings() const;
 
 private:
   struct TCandidate {
@@ -88,6 +90,7 @@ private:
   uint64_t bytesReceived = 0;
   uint64_t streamBytes = 0;
   bool candidatesBuilt = false;
+  bool refused = false;  // a suggestion was contradicted: no guessing at the end
   std::array<TCandidate, kRawMaxChannels * kRawLayoutCount * 2> candidates{};
 };
 
