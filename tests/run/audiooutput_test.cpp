@@ -133,14 +133,6 @@ TEST(AudioOutput, WavsWritesOneMonoFilePerChannel) {
   EXPECT_EQ(lfe[18], 3);
 }
 
-TEST(AudioOutput, EncoderEndsNotInThisBuildFailLoudly) {
-  Harness h("x.ac3");
-  TAudioBlock details = *Details("pcm", 6, 24);
-  EXPECT_FALSE(BuildAudioOutput(h.head, details, h.action, "", h.build));
-  ASSERT_FALSE(h.lines.empty());
-  EXPECT_EQ(h.lines.back(), std::make_pair(2, std::string("Internal error - unknown audio output format!")));
-}
-
 // -down2 of 16-bit 5.1: each contribution is widened to 24 bits by its factor, so the sums are
 // exact; the WAV header says 2 channels, 24 bits, and -mixlfe brings in the LFE at 91/256.
 TEST(AudioOutput, Down2GraphMixesByTheMatrix) {
@@ -174,6 +166,51 @@ TEST(AudioOutput, Down2GraphMixesByTheMatrix) {
     EXPECT_EQ(read(0), 128 * in[0] + 91 * in[2] + lfe + 111 * in[4] + 64 * in[5]);
     EXPECT_EQ(read(1), 128 * in[1] + 91 * in[2] + lfe - 64 * in[4] - 111 * in[5]);
     EXPECT_EQ(read(198), read(0));
+  }
+}
+
+// The ".ac3" and ".dts" ends: the encoder and the file, or a refusal while the chain is built
+// (nothing made, the reason as the last line).
+struct EncoderEnd {
+  const char* dest;
+  uint32_t channels, sampleRate;
+  int32_t bitrate;
+  const char* refusal;  // nullptr: built, and one frame of `frameBytes` comes out
+  uint32_t frameBytes;
+};
+
+TEST(AudioOutput, EncoderEnds) {
+  const EncoderEnd cases[] = {
+      {"x.ac3", 6, 48000, 640, nullptr, 2560},
+      {"x.ac3", 2, 48000, 0, nullptr, 768},  // libavcodec's choice for stereo: 192 kbit/s
+      {"x.dts", 2, 48000, 768, nullptr, 1024},
+      {"x.dts", 6, 44100, 0, nullptr, 2232},  // 1536 kbit/s by default
+      {"x.ac3", 6, 48000, 500, "This bitrate isn't supported by the AC3 encoder.", 0},
+      {"x.dts", 6, 48000, 640, "This bitrate isn't supported by the DTS encoder.", 0},
+      {"x.dts", 4, 48000, 768, "The DTS encoder didn't accept this channel configuration.", 0},
+      {"x.dts", 6, 96000, 768, "The DTS encoder didn't accept this sample rate.", 0},
+  };
+  for (const EncoderEnd& c : cases) {
+    Harness h(c.dest);
+    h.action.bitrate = c.bitrate;
+    TAudioBlock details = *Details("pcm", c.channels, 16);
+    details.sampleRate = c.sampleRate;
+    bool built = BuildAudioOutput(h.head, details, h.action, "", h.build);
+    if (c.refusal) {
+      EXPECT_FALSE(built) << c.refusal;
+      EXPECT_TRUE(h.files.empty());
+      ASSERT_FALSE(h.lines.empty());
+      EXPECT_EQ(h.lines.back(), std::make_pair(2, std::string(c.refusal)));
+      continue;
+    }
+    ASSERT_TRUE(built) << c.dest;
+    h.head->SetSilent(true);
+    std::vector<uint8_t> pcm(size_t(c.channels) * 2 * 512);
+    ASSERT_TRUE(h.head->InitAudio("pcm", c.channels, 16, c.sampleRate, false, 0));
+    ASSERT_TRUE(h.head->Write(0, false, pcm.data(), uint32_t(pcm.size()), -1, false));
+    ASSERT_TRUE(h.head->Finish());
+    ASSERT_EQ(h.files.count(c.dest), 1u);
+    EXPECT_EQ(h.files[c.dest]->bytes.size(), c.frameBytes) << c.dest;
   }
 }
 

@@ -4,6 +4,7 @@
 // encode of the same music, and the refusals that come before anything is written.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -173,6 +174,50 @@ TEST(EncodersEndToEnd, EachChannelStaysInItsPlace) {
   }
 }
 
+// 7.1 to AC3 and DTS: the message, then the back and side pairs mixed into the surround pair
+// (the down6 mix of the PCM stages): each front sine in its own channel, each surround channel
+// holding the sines of its side only.
+TEST(EncodersEndToEnd, SevenOneIsMixedToFiveOne) {
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  const std::vector<double> f = {500, 700, 900, 60, 1100, 1300, 1500, 1700};
+  // Decoded channel -> the source sines it must hold.
+  const std::vector<std::vector<size_t>> holds = {{0}, {1}, {2}, {3}, {4, 6}, {5, 7}};
+  for (const char* dest : {"y.ac3", "y.dts"}) {
+    TempDir dir;
+    std::string expression;
+    for (double frequency : f)
+      expression += (expression.empty() ? "" : "|") + std::string("0.3*sin(") +
+                    std::to_string(int(frequency)) + "*2*PI*t)";
+    ASSERT_TRUE(FfmpegRuns("-f lavfi -i \"aevalsrc='" + expression +
+                               "':c=7.1:s=48000:d=1\" -c:a pcm_s24le x.wav",
+                           dir.path()));
+    RunResult r = RunSonvex({dir / "x.wav", dir / dest}, dir.path());
+    std::string output = r.out + r.err;
+    if (output.find("Internal error - unknown audio output format!") != std::string::npos)
+      GTEST_SKIP() << "the down6 mix of the PCM stages isn't in this build";
+    ASSERT_EQ(r.exitCode, 0) << output;
+    const std::string family = fs::path(dest).extension() == ".ac3" ? "AC3" : "DTS";
+    EXPECT_NE(output.find(family + " encoding only supports 6 channels. Will mix the surround "
+                                   "channels."),
+              std::string::npos)
+        << output;
+    auto decoded = DecodeFloat(dir / dest);
+    ASSERT_GT(decoded.size(), 40000u * 6);
+    for (size_t ch = 0; ch < 6; ch++) {
+      double weakestOwn = INFINITY, strongestStray = 0;
+      for (size_t source = 0; source < f.size(); source++) {
+        double e = Energy(decoded, 6, uint32_t(ch), f[source], 48000);
+        bool own = std::find(holds[ch].begin(), holds[ch].end(), source) != holds[ch].end();
+        if (own)
+          weakestOwn = std::min(weakestOwn, e);
+        else
+          strongestStray = std::max(strongestStray, e);
+      }
+      EXPECT_GT(weakestOwn, 100 * strongestStray) << dest << ": channel " << ch;
+    }
+  }
+}
+
 // SNR of a decode against the source, at the lag (0 to 2048 samples, found on the first
 // channel) where the two fit best: the encoders' own delay.
 double Snr(const std::vector<float>& source, const std::vector<float>& decoded, uint32_t channels) {
@@ -225,6 +270,47 @@ TEST(EncodersEndToEnd, QualityAtLeastFfmpegs) {
     double peer = Snr(source, DecodeFloat(dir / theirs), 6);
     EXPECT_GT(peer, 10.0) << "the measurement itself went wrong";
     EXPECT_GE(ours, peer - 0.01) << c.dest << ": " << ours << " dB against ffmpeg's " << peer;
+  }
+}
+
+// The lag (in sample frames, within +-6000) at which `b` best repeats `a`, on the first channel.
+long BestLag(const std::vector<float>& a, const std::vector<float>& b, uint32_t channels) {
+  const long window = 8192, start = 6000;
+  long best = 0;
+  double bestError = INFINITY;
+  for (long lag = -6000; lag <= 6000; lag++) {
+    double error = 0;
+    for (long i = start; i < start + window; i++) {
+      double d = a[size_t(i) * channels] - b[size_t(i + lag) * channels];
+      error += d * d;
+    }
+    if (error < bestError) bestError = error, best = lag;
+  }
+  return best;
+}
+
+// A delay ahead of the encoder: +100 ms puts 4,800 sample frames of silence in front of the
+// music, -100 ms drops its first 4,800; the frame counts follow.
+TEST(EncodersEndToEnd, DelayMovesTheAudioBySamples) {
+  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  TempDir dir;
+  ASSERT_TRUE(FfmpegRuns("-i '" + CorpusPath("public/ac3/monsters_inc_5.1_448_small.ac3") +
+                             "' -c:a pcm_s24le music.wav",
+                         dir.path()));
+  const long samples = long(DecodeFloat(dir / "music.wav").size() / 6);
+  ASSERT_EQ(RunSonvex({dir / "music.wav", dir / "plain.ac3", "-640"}, dir.path()).exitCode, 0);
+  auto plain = DecodeFloat(dir / "plain.ac3");
+  for (const auto& [delay, shift] : {std::pair{"+100ms", 4800L}, std::pair{"-100ms", -4800L}}) {
+    RunResult r = RunSonvex({dir / "music.wav", dir / "moved.ac3", "-640", delay}, dir.path());
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    if (!fs::exists(dir / "moved.ac3"))
+      GTEST_SKIP() << "the PCM delayer isn't in this build: the delay went into the file name";
+    EXPECT_EQ(BestLag(plain, DecodeFloat(dir / "moved.ac3"), 6), shift) << delay;
+    EXPECT_EQ(Probe(dir / "moved.ac3", "stream=nb_read_frames -count_frames"),
+              "nb_read_frames=" + std::to_string((samples + shift + 1535) / 1536) + "\n")
+        << delay;
+    fs::remove(dir / "moved.ac3");
   }
 }
 
