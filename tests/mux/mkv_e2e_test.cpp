@@ -84,6 +84,7 @@ struct MkvCase {
 
 const MkvCase kCases[] = {
     {"gen/h264_1080p24.h264", "h264", {}, 41708333, true},
+    {"gen/h264_1080p24.h264", "h264", {"-speedup"}, 40000000, true},
     {"gen/bd_h264_multi.m2ts", "h264", {}, 41708333, true},
     {"public/m2ts/Test_H264.m2ts", "h264", {}, 41708333, true},
     {"public/m2ts/Test_H264_AC3.m2ts", "h264", {}, 41708333, true},
@@ -91,6 +92,7 @@ const MkvCase kCases[] = {
     {"gen/mpeg2_576i25.m2v", "mpeg2", {}, 40000000, true},
     {"gen/mpeg2_480p24_pulldown.m2v", "mpeg2", {}, 41708333, false},
     {"gen/mpeg2_480p24_pulldown.m2v", "mpeg2", {"-keepPulldown"}, 33366667, true, true},
+    {"gen/mpeg2_480p24_pulldown.m2v", "mpeg2", {"-30p"}, 33366667, true, true},
     {"public/video/tcela-6.m2v", "mpeg2", {}, 33333333, true},
 };
 
