@@ -112,6 +112,12 @@ bool TPushVideoSource::InitVideo(const std::string& format, bool, bool, uint32_t
   this->aspectX = aspectX;
   this->aspectY = aspectY;
   timePerFrame = AverageTimePerFrame(rateNumerator, rateDenominator);
+  // VC-1 in Matroska wants the entry point beside the sequence header in the private data;
+  // it comes with the first frame.
+  if (codec == AV_CODEC_ID_VC1) {
+    vc1Header = privateData;
+    return true;
+  }
   return Open(codec, privateData);
 }
 
@@ -178,8 +184,19 @@ bool TPushVideoSource::Write(SenderId, bool, const uint8_t* data, uint32_t size,
                              int64_t position, bool flush) {
   if (!valid) return false;
   if (!CheckUpStreams("DirectShow muxer")) return false;
-  if (!headerWritten) return Fail(kNoFormat);
   if (size == 0) return true;
+  if (!headerWritten && format == "vc1") {
+    // The headers in front of the first frame: up to its frame start code.
+    std::string headers = vc1Header;
+    if (size >= 4 && data[3] == 0x0F)
+      for (uint32_t i = 4; i + 3 < size; i++)
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && data[i + 3] == 0x0D) {
+          headers.assign(reinterpret_cast<const char*>(data), i);
+          break;
+        }
+    if (!Open(AV_CODEC_ID_VC1, headers)) return false;
+  }
+  if (!headerWritten) return Fail(kNoFormat);
   bool sync;
   if (format == "h264")
     sync = flush;

@@ -1,7 +1,8 @@
 // TPushVideoSource: the end of a video chain that writes a Matroska file. It takes the muxing
 // stages' samples (one frame per block, its presentation time as `position`, `flush` as the sync
 // flag where the codec doesn't show it in the data), the codec private data of the announcement,
-// the frame time, size and aspect, and hands them to libavformat's matroska muxer in process.
+// the frame time, size and aspect (for VC-1 the sequence header and entry point in front of the
+// first frame make the private data), and hands them to libavformat's matroska muxer in process.
 // The file holds one video track of language "und". A stream that runs 999 blocks without a
 // sync point can't be seeked in and is refused.
 #pragma once
@@ -52,6 +53,7 @@ private:
   std::string destination;
   CreatedHook noteCreated;
   std::string format;
+  std::string vc1Header;  // VC-1: the private data waits for the first frame's entry point
   uint32_t width = 0, height = 0, aspectX = 0, aspectY = 0;
   uint32_t timePerFrame = 0;
   AVFormatContext* context = nullptr;

@@ -385,7 +385,8 @@ bool TMainRun::AssignTracks() {
     action.track = track;
     WriteLine(0, "Track " + std::to_string(track) + " is used for destination file \"" +
                      action.dest + "\".");
-    if (ext == ".mkv") AddMkvSideActions(action);
+    // A copy: the side actions grow the list that `action` lives in.
+    if (ext == ".mkv") AddMkvSideActions(TAction(action));
   }
   return true;
 }

@@ -1,0 +1,147 @@
+// The sonvex binary writing Matroska, beyond the plain corpus runs: -24p retimes a 30p H.264
+// stream, the header patch leaves a file that has the value alone, a stream without sync
+// points is refused with nothing left behind, and a ".mkv" destination demuxes the audio beside
+// it. Test streams are made with ffmpeg's libx264; skipped when tools or corpus are absent.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "framework/console.h"
+#include "mux/mkvframerate.h"
+#include "support/e2e.h"
+
+namespace sonvex::test {
+namespace {
+
+bool HaveX264() {
+  return HaveTool("ffmpeg") &&
+         RunShell("sh -c 'ffmpeg -hide_banner -encoders 2>/dev/null | grep -q libx264'",
+                  fs::current_path())
+                 .exitCode == 0;
+}
+
+// A small H.264 stream: `frames` frames of 30000/1001 progressive video, one IDR picture every
+// `keyint` frames, with B-frames (so that the picture order count is of type 0) or without
+// (type 2).
+std::string MakeH264(const TempDir& dir, int frames, int keyint, int bframes = 2) {
+  std::string name = dir / "src.h264";
+  std::string command =
+      "ffmpeg -nostdin -y -v error -f lavfi -i testsrc=size=64x64:rate=30000/1001 -frames:v " +
+      std::to_string(frames) + " -c:v libx264 -bf " + std::to_string(bframes) + " -x264-params keyint=" +
+      std::to_string(keyint) + ":min-keyint=" + std::to_string(keyint) +
+      ":scenecut=0:aud=1 -f h264 " + ShellQuote(name);
+  RunShell(command, dir.path());
+  return name;
+}
+
+std::string MkvInfo(const std::string& file, const fs::path& dir) {
+  return RunShell("mkvinfo " + ShellQuote(file) + " 2>&1", dir).out;
+}
+
+// Presentation times in ms of the video packets, sorted.
+std::vector<int64_t> SortedPts(const std::string& file, const fs::path& dir) {
+  std::vector<int64_t> pts;
+  std::istringstream in(RunShell("ffprobe -v error -select_streams v:0 -show_entries packet=pts "
+                                 "-of csv=p=0 " + ShellQuote(file), dir).out);
+  for (std::string line; std::getline(in, line);)
+    if (!line.empty()) pts.push_back(std::stoll(line));
+  std::sort(pts.begin(), pts.end());
+  return pts;
+}
+
+TEST(MkvOptions, Force24pRetimesA30pStream) {
+  SKIP_WITHOUT_TOOL("mkvinfo");
+  if (!HaveX264()) GTEST_SKIP() << "ffmpeg without libx264";
+  TempDir dir;
+  std::string source = MakeH264(dir, 60, 30);
+  struct Case {
+    std::vector<std::string> options;
+    const char* duration;  // mkvinfo's default duration
+    int64_t lastPts;       // ms of frame 59
+  };
+  const Case cases[] = {
+      {{}, "Default duration: 00:00:00.033366667", 1969},
+      {{"-24p"}, "Default duration: 00:00:00.041708333", 2461},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {source, dir / "out.mkv"};
+    args.insert(args.end(), c.options.begin(), c.options.end());
+    RunResult run = RunSonvex(args, dir.path());
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_NE(MkvInfo(dir / "out.mkv", dir.path()).find(c.duration), std::string::npos);
+    auto pts = SortedPts(dir / "out.mkv", dir.path());
+    ASSERT_EQ(pts.size(), 60u);
+    EXPECT_EQ(pts.front(), 0);
+    EXPECT_EQ(pts.back(), c.lastPts);
+  }
+}
+
+TEST(MkvOptions, PatchingAgainLeavesTheFileAlone) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  std::string mkv = dir / "out.mkv";
+  RunResult run = RunSonvex({(CorpusDir() / "gen/h264_1080p24.h264").string(), mkv}, dir.path());
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  EXPECT_TRUE(run.HasLine("Added fps value to MKV header."));
+  std::string before = ReadFile(mkv);
+  std::vector<std::string> lines;
+  SetLogHook([&lines](int level, const std::string& text) {
+    lines.push_back(std::to_string(level) + " " + text);
+  });
+  TMkvPatchResult result = PatchMkvFrameRate(mkv, 24000, 1001);
+  SetLogHook(nullptr);
+  EXPECT_EQ(result, TMkvPatchResult::alreadySet);
+  EXPECT_EQ(lines, std::vector<std::string>{"0 This MKV already has the fps value set."});
+  EXPECT_TRUE(ReadFile(mkv) == before);
+}
+
+TEST(MkvOptions, StreamWithoutSyncPointsIsRefused) {
+  if (!HaveX264()) GTEST_SKIP() << "ffmpeg without libx264";
+  TempDir dir;
+  // One IDR picture, then 1,099 frames that can't be seeked to.
+  std::string source = MakeH264(dir, 1100, 2000);
+  RunResult run = RunSonvex({source, dir / "out.mkv"}, dir.path());
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_TRUE(run.HasLine("[v01] Unfortunately the Haali Muxer cannot handle this source file."))
+      << run.out;
+  EXPECT_TRUE(run.HasLine("[v01] It doesn't contain enough seek/recovery points.")) << run.out;
+  EXPECT_FALSE(run.HasLine("Done."));
+  EXPECT_FALSE(fs::exists(dir / "out.mkv"));
+  // With a sync point every 900 frames the same stream goes through.
+  source = MakeH264(dir, 1100, 900);
+  run = RunSonvex({source, dir / "out.mkv"}, dir.path());
+  EXPECT_EQ(run.exitCode, 0) << run.out;
+}
+
+TEST(MkvOptions, PictureOrderWithoutCountIsRefused) {
+  if (!HaveX264()) GTEST_SKIP() << "ffmpeg without libx264";
+  TempDir dir;
+  RunResult run = RunSonvex({MakeH264(dir, 30, 30, 0), dir / "out.mkv"}, dir.path());
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_TRUE(run.HasLine("[v01] The h264 muxer doesn't support this stream type yet.")) << run.out;
+  EXPECT_FALSE(fs::exists(dir / "out.mkv"));
+}
+
+TEST(MkvOptions, AudioIsDemuxedBesideTheMkv) {
+  SKIP_WITHOUT_CORPUS();
+  TempDir dir;
+  RunResult run = RunSonvex(
+      {(CorpusDir() / "public/m2ts/Test_H264_AC3.m2ts").string(), dir / "movie.mkv"}, dir.path());
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  std::string ac3 = "movie - 2 - AC3, 5.1 channels, 640kbps, 48khz.ac3";
+  EXPECT_EQ(ListFiles(dir.path()),
+            (std::vector<std::string>{ac3, "movie - Log.txt", "movie.mkv"}));
+  // The AC3 file holds every frame of the track, as ffprobe counts them in the source.
+  auto frames = [&](const std::string& file, const std::string& select) {
+    return RunShell("ffprobe -v error -select_streams " + select +
+                        " -count_packets -show_entries stream=nb_read_packets -of csv=p=0 " +
+                        ShellQuote(file),
+                    dir.path())
+        .out.substr(0, 3);
+  };
+  EXPECT_EQ(frames(dir / ac3, "a:0"),
+            frames((CorpusDir() / "public/m2ts/Test_H264_AC3.m2ts").string(), "a:0"));
+}
+
+}  // namespace
+}  // namespace sonvex::test
