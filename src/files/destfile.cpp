@@ -112,7 +112,7 @@ std::string TakeCreated(const std::string& asked) {
 
 }  // namespace
 
-void NoteCreatedFile(const std::string& name) { NoteCreated(name); }
+void NoteCreatedFile(const std::string& name) { NoteCreated(name, name); }
 
 void DeleteCreatedFiles() {
   std::lock_guard<std::mutex> guard(createdLock);
