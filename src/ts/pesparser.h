@@ -54,7 +54,7 @@ private:
   void Consumed(uint32_t count);
 
   const bool RawTimestamps;
-  // The units of a transport stream PID: each begins with a flush. Their starts as offsets into
+  // The units of a transport stream PID: each begins with an empty flushing block. Their starts as offsets into
   // the stream given to this stage, with the source file position of their first block (-1 until
   // it is known); only the units still in buffer 0 are kept.
   struct UnitStart {
