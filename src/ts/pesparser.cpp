@@ -45,20 +45,6 @@ void TPesParser::HandleDsi(const uint8_t* at, uint32_t length) {
 // One PES packet at `at`; `length` receives its length. Wait: not all of it is here yet.
 TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, uint32_t& length,
                                        bool flush) {
-  uint32_t declared = Be16(at + 4);
-  if (declared == 0) {
-    // Unbounded (video in a TS): it ends where the data given so far ends, at the latest when
-    // the stream itself ends.
-    if (!flush && !flushing) return Item::Wait;
-    length = remaining;
-  } else {
-    length = 6 + declared;
-    if (length > remaining || (length + 4 > remaining && !flushing)) return Item::Wait;
-  }
-  if (!CarriesPesHeader(at[3])) {
-    timeline.PacketDone();
-    return Item::Next;
-  }
   // A damaged header loses only its own packet: it is dropped, and reading goes on with the next
   // packet that starts a PES. The readers behind see the hole in the time stamps.
   auto invalid = [&]() {
@@ -72,6 +58,24 @@ TPesParser::Item TPesParser::HandlePes(const uint8_t* at, uint32_t remaining, ui
     }
     return Item::Drop;
   };
+  uint32_t declared = Be16(at + 4);
+  if (declared == 0) {
+    // Unbounded (video in a TS): it ends where the data given so far ends, at the latest when
+    // the stream itself ends.
+    if (!flush && !flushing) return Item::Wait;
+    length = remaining;
+  } else {
+    length = 6 + declared;
+    // In a transport stream a packet ends where the next unit of its PID starts.
+    const uint32_t offset = uint32_t(at - BufferData(0));
+    const int64_t next = NextUnitStart(offset);
+    if (next >= 0 && length > uint64_t(next) - offset && CarriesPesHeader(at[3])) return invalid();
+    if (length > remaining || (length + 4 > remaining && !flushing)) return Item::Wait;
+  }
+  if (!CarriesPesHeader(at[3])) {
+    timeline.PacketDone();
+    return Item::Next;
+  }
   if (length < 9) return invalid();
   uint8_t flags = at[7];
   uint32_t headerLength = at[8];
@@ -147,7 +151,9 @@ bool TPesParser::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
       unitStarts.back().offset == bufferBase + BufferFill(0))
     unitStarts.back().position = position;
   if (!StoreData(0, data, size)) return Fail("The pes parser couldn't allocate enough memory.");
-  if (flush && (unitStarts.empty() || unitStarts.back().offset != bufferBase + BufferFill(0)))
+  // An empty flushing block is how the TS demuxer marks a unit start.
+  if (flush && size == 0 &&
+      (unitStarts.empty() || unitStarts.back().offset != bufferBase + BufferFill(0)))
     unitStarts.push_back({bufferBase + BufferFill(0), -1});
   const uint8_t* buffer = BufferData(0);
   const uint32_t fill = BufferFill(0);

@@ -55,9 +55,9 @@ private:
 
   const bool RawTimestamps;
   TPesTimeline timeline;
-  // The units of a transport stream PID: each begins with a flush. Their starts as offsets into
-  // the stream given to this stage, with the source file position of their first block (-1 until
-  // it is known); only the units still in buffer 0 are kept.
+  // The units of a transport stream PID: each begins with an empty flushing block. Their starts
+  // as offsets into the stream given to this stage, with the source file position of their first
+  // block (-1 until it is known); only the units still in buffer 0 are kept.
   struct UnitStart {
     uint64_t offset;
     int64_t position;

@@ -152,15 +152,32 @@ TEST(PesParser, ZeroStuffingIsSkippedAndUnknownCodesAreRefused) {
   EXPECT_TRUE(log.Has("This doesn't seem to be a valid PES packet."));
 }
 
-TEST(PesParser, HeaderLongerThanItsPacketIsAnInvalidSourceAndKeepsTheStageValid) {
-  LogCatcher log;
-  PesRun run(false);
-  Bytes pes = MakePes(0xBD, 0, Payload(10, 1));
-  pes[8] = 200;  // PES_header_data_length far past the packet's end
-  ASSERT_TRUE(run.Feed(pes, true));
-  EXPECT_TRUE(run.parser->Finish());
-  EXPECT_TRUE(log.Has("The source file is invalid."));
-  EXPECT_TRUE(run.capture->bytes.empty());
+// A damaged header loses its own packet only, said once: without units (program stream data)
+// the packet's length leads to the next one; in a TS the next unit start does, however long the
+// damaged packet claims to be.
+TEST(PesParser, DamagedHeaderDropsItsPacketOnly) {
+  for (bool units : {false, true}) {
+    SCOPED_TRACE(units);
+    LogCatcher log;
+    PesRun run(false);
+    Bytes bad = MakePes(0xBD, 0, Payload(10, 1));
+    bad[8] = 200;  // PES_header_data_length far past the packet's end
+    Bytes bad2 = MakePes(0xBD, 2880, Payload(10, 3));
+    bad2[8] = 0;  // too short for the PTS
+    if (units) bad2[5] = 0xF0;  // and a length that reaches far past the packet
+    Bytes good = MakePes(0xBD, 5760, Payload(10, 2));
+    if (units) {
+      ASSERT_TRUE(run.Packet(bad) && run.Packet(bad2) && run.Packet(good));
+    } else {
+      Bytes all = bad;
+      all.insert(all.end(), bad2.begin(), bad2.end());
+      all.insert(all.end(), good.begin(), good.end());
+      ASSERT_TRUE(run.Feed(all, true));
+    }
+    EXPECT_TRUE(run.parser->Finish());
+    EXPECT_EQ(log.lines, std::vector<std::string>{"The source file is invalid: a damaged PES packet was skipped."});
+    EXPECT_EQ(run.capture->bytes, Payload(10, 2));
+  }
 }
 
 TEST(PesParser, SeamClosesTheOpenPacketAndKeepsTheTimelineContinuous) {
