@@ -128,7 +128,8 @@ TEST(MkvChain, H264MuxerOrdersAShortStreamAtFinish) {
   std::string first = std::string{0, 0, 0, 6} + sps.substr(4) + std::string{0, 0, 0, 2} +
                       pps.substr(4) + std::string{0, 0, 0, 4} + idr.substr(4);
   ASSERT_EQ(capture->blocks[0], first.size());
-  EXPECT_TRUE(std::equal(first.begin(), first.end(), capture->bytes.begin()));
+  EXPECT_EQ(std::string(capture->bytes.begin(), capture->bytes.begin() + long(first.size())),
+            first);
   EXPECT_EQ(capture->blocks[2], 4 + b.size() - 4);
 }
 
