@@ -24,6 +24,13 @@ seeds=(
   "fuzz_tsdemuxer: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts"
   "fuzz_tsparser: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts gen/bd_lpcm_variants.m2ts"
   "fuzz_wavreader: gen/wav_20_16.wav gen/wav_51_24.wav"
+  "fuzz_rawanalyzer: gen/pcm_s16le_20_48k.raw"
+  "fuzz_h264muxer: gen/h264_1080p24.h264"
+  "fuzz_mpeg2muxer: gen/mpeg2_576i25.m2v gen/mpeg2_480p24_pulldown.m2v"
+  "fuzz_mpls: gen/disc/bd-angles/BDMV/PLAYLIST/*.mpls gen/disc/bd-d3-join/BDMV/PLAYLIST/*.mpls"
+  "fuzz_clpi: gen/disc/bd-angles/BDMV/CLIPINF/*.clpi gen/disc/bd-d3-join/BDMV/CLIPINF/*.clpi"
+  "fuzz_xpl: gen/disc/hd-x001/ADV_OBJ/VPLST000.XPL gen/disc/hd-synth-dev/ADV_OBJ/VPLST000.XPL"
+  "fuzz_vti: gen/disc/hd-x001/HVDVD_TS/HVA00001.VTI gen/disc/hd-synth-dev/HDDVD_TS/HVA00001.VTI"
 )
 # The detector's first input byte picks block size and options; 0x80 is whole 16 KiB blocks.
 detector="gen/ac3_51_448k.ac3 gen/dts_51_768k.dts gen/truehd_51_48k.thd gen/mp2_20_224k.mp2
@@ -38,7 +45,8 @@ for row in "${seeds[@]}"; do
   for pattern in ${row#*:}; do
     for file in $corpus/$pattern; do
       [ -f "$file" ] || continue
-      head -c "$limit" "$file" >"fuzz/corpus/$target/$(basename "$file")"
+      name=$(echo "${file#$corpus/}" | tr '/' '_')
+      head -c "$limit" "$file" >"fuzz/corpus/$target/$name"
     done
   done
 done
