@@ -16,13 +16,14 @@ seeds=(
   "fuzz_dtsexsub: public/dts/xll_51_24_48_768.dts public/dts/xbr_51_24_48_3840.dts"
   "fuzz_flacdecoder: gen/flac_20_16.flac gen/flac_51_24.flac"
   "fuzz_h264reader: gen/h264_1080p24.h264"
+  "fuzz_h265reader: gen/uhd_hdr10_2160p24.hevc"
   "fuzz_mp2reader: gen/mp2_20_224k.mp2"
   "fuzz_mpeg2reader: gen/mpeg2_576i25.m2v gen/mpeg2_480p24_pulldown.m2v"
   "fuzz_pesparser: gen/bd_h264_multi.m2ts"
   "fuzz_sourceprobe: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts public/vob/*.vob gen/evo/*.evo"
   "fuzz_thdreader: gen/truehd_20_48k.thd gen/mlp_20_48k.mlp public/truehd/dts1_truehd_ac3_interleaved.thdac3"
   "fuzz_tsdemuxer: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts"
-  "fuzz_tsparser: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts gen/bd_lpcm_variants.m2ts"
+  "fuzz_tsparser: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts gen/bd_lpcm_variants.m2ts gen/bd_uhd_hevc_ac3.m2ts"
   "fuzz_wavreader: gen/wav_20_16.wav gen/wav_51_24.wav"
 )
 # The detector's first input byte picks block size and options; 0x80 is whole 16 KiB blocks.
