@@ -54,15 +54,17 @@ TEST_P(HevcCorpus, ListingCountAndPayloadMatchFfmpeg) {
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   EXPECT_NE(run.out.find("h265/HEVC, 2160p24 /1.001 (16:9), 10 bits, HDR10"), std::string::npos)
       << run.out;
-  EXPECT_TRUE(run.HasLine("Video track 1 contains " + count + " frames.") ||
-              run.out.find("contains " + count + " frames") != std::string::npos)
-      << run.out;
-  std::string produced = dir / std::string(c.destination).substr(
-                                   std::string(c.destination).find(':') + 1);
+  EXPECT_TRUE(run.HasLine("Video track 1 contains " + count + " frames.")) << run.out;
+  // A track out of a container gets its delay into the name ("v DELAY 5ms.h265").
+  std::string produced;
+  for (const std::string& name : ListFiles(dir.path()))
+    if (name.size() > 5 && (name.ends_with(".h265") || name.ends_with(".hevc")))
+      produced = dir / name;
+  ASSERT_FALSE(produced.empty()) << run.out;
   RunResult oracle = RunShell("ffmpeg -v error -i " + ShellQuote(source.string()) +
-                                  " -map 0:0 -c copy -f hevc oracle.hevc", dir.path());
+                                  " -map 0:0 -c copy -f hevc .oracle", dir.path());
   ASSERT_EQ(oracle.exitCode, 0) << oracle.err;
-  EXPECT_EQ(Md5(produced), Md5(dir.path() / "oracle.hevc"));
+  EXPECT_EQ(Md5(produced), Md5(dir.path() / ".oracle"));
 
   RunResult check = RunSonvex({source.string(), "-check"}, dir.path());
   EXPECT_EQ(check.exitCode, 0) << check.out << check.err;
