@@ -18,7 +18,7 @@ namespace sonvex::tstest {
 namespace {
 
 bool ListedCodec(const std::string& codec) {
-  return codec == "h264" || codec == "vc1" || codec == "mpeg2video" || codec == "ac3" ||
+  return codec == "h264" || codec == "hevc" || codec == "vc1" || codec == "mpeg2video" || codec == "ac3" ||
          codec == "eac3" || codec == "dts" || codec == "truehd" || codec == "mlp" ||
          codec == "pcm_bluray" || codec == "mp2" || codec == "mp1";
 }
