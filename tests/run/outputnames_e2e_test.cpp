@@ -116,7 +116,7 @@ TEST_F(SettledOutputs, EveryCreatedFileIsThereUnderItsSettledName) {
       std::string fmt = probe.out.substr(0, probe.out.find('\n'));
       size_t comma = fmt.find(',');
       EXPECT_NE(comma, std::string::npos) << what << ": " << probe.out << probe.err;
-      if (comma != std::string::npos) EXPECT_EQ(fmt.substr(comma + 1) + "/" + fmt.substr(0, comma), c.probe) << what;
+      if (comma != std::string::npos) { EXPECT_EQ(fmt.substr(comma + 1) + "/" + fmt.substr(0, comma), c.probe) << what; }
     }
   }
 }
