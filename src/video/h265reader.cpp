@@ -174,7 +174,8 @@ bool Th265Reader::HandleUnit(const uint8_t* unit, uint32_t size, int64_t offset)
   timing.DropStampsBefore(offset);
   if (layer == 0) {
     if (type < 32) {  // a slice segment
-      bool first = (unit[header + 2] & 0x80) != 0;  // first_slice_segment_in_pic_flag
+      // first_slice_segment_in_pic_flag; a slice cut off behind its header can't open a frame.
+      bool first = header + 2 < size && (unit[header + 2] & 0x80) != 0;
       if (first && !auOpen && !StartFrame(offset)) return false;
       auOpen = false;
       inPicture = true;
