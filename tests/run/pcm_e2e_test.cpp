@@ -99,7 +99,7 @@ struct RawCase {
 // every reading compresses alike; a low-pass takes it out, so that the decode looks like
 // program material, which has little energy at the top of the band.
 // Makes each raw file, runs sonvex on it and checks the PCM written. Where the sizes leave only
-// the channel count open, the design's answer is the list of counts with the most probable
+// the channel count open, the analysis answers with the list of counts and the most probable
 // one: that one must be right, and given as "-N" it must then be taken.
 void CheckRawCases(const std::vector<RawCase>& cases) {
   for (const RawCase& c : cases) {
