@@ -3,7 +3,9 @@
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config ccache clang
           libavcodec-dev libavformat-dev libavutil-dev libflac-dev libsoxr-dev libgtest-dev
+          libclang-rt-14-dev  # libFuzzer and the sanitizer runtimes of the clang fuzz build
           ffmpeg flac sox
+          mkvtoolnix      # mkvinfo: an oracle of the Matroska tests only
           libbluray-bin)  # bd_list_titles: an oracle of the disc tests and bench only
 missing=()
 for p in "${packages[@]}"; do
