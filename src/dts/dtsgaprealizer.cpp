@@ -29,9 +29,9 @@ int64_t TDtsGapRealizer::FramesOf(int64_t ticks) const {
 bool TDtsGapRealizer::SendNewest(uint32_t n) {
   uint64_t skip = 0;
   for (uint32_t i = 0; i < framesInBuffer - n; i++) skip += frameSizes[i];
-  const uint32_t fill = BufferFill(1);
+  const uint32_t fill = BufferFill(1) - dropped;
   if (skip > fill) skip = fill;
-  return Send(false, BufferData(1) + skip, uint32_t(fill - skip), -1, false);
+  return Send(false, BufferData(1) + dropped + skip, uint32_t(fill - skip), -1, false);
 }
 
 bool TDtsGapRealizer::Write(SenderId sender, bool isHeader, const uint8_t* data, uint32_t size,
@@ -50,7 +50,12 @@ bool TDtsGapRealizer::Write(SenderId sender, bool isHeader, const uint8_t* data,
   if (!StoreData(1, data, size))
     return Fail("The dts gap realizer was not able to allocate enough memory.");
   if (framesInBuffer == kMaxFrames) {
-    RemoveData(1, frameSizes[0]);
+    // The oldest frame is dropped in place; the buffer is compacted once half of it is dropped.
+    dropped += frameSizes[0];
+    if (dropped >= BufferFill(1) / 2) {
+      RemoveData(1, dropped);
+      dropped = 0;
+    }
     for (uint32_t i = 1; i < kMaxFrames; i++) frameSizes[i - 1] = frameSizes[i];
   } else {
     framesInBuffer++;

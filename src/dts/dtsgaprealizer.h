@@ -31,6 +31,7 @@ private:
   uint32_t sampleRate = 0;  // 96000 is kept as 48000, the rate the core counts samples in
   uint32_t samplesPerFrame = 0;
   uint32_t framesInBuffer = 0;
+  uint32_t dropped = 0;  // bytes of frames at the front of buffer 1 that no longer count
   std::vector<TGapEntry> entries;
   int32_t entryIndex = -1;
   int64_t framesPassed = 0;

@@ -28,17 +28,30 @@ constexpr uint32_t kCacheSize = 0x100000;  // one operating-system read serves 6
 
 std::shared_ptr<TSourceFiles> TSourceFiles::Create(const std::vector<std::string>& names,
                                                    uint32_t frameNumerator,
-                                                   uint32_t frameDenominator, int64_t limit) {
-  return std::make_shared<TSourceFiles>(names, frameNumerator, frameDenominator, limit);
+                                                   uint32_t frameDenominator, int64_t limit,
+                                                   const TSourceFiles* probed) {
+  return std::make_shared<TSourceFiles>(names, frameNumerator, frameDenominator, limit, probed);
 }
 
 TSourceFiles::TSourceFiles(const std::vector<std::string>& fileNames, uint32_t numerator,
-                           uint32_t denominator, int64_t byteLimit)
+                           uint32_t denominator, int64_t byteLimit, const TSourceFiles* probed)
     : names(fileNames),
       frameNumerator(numerator),
       frameDenominator(denominator),
       limit(byteLimit) {
-  Probe();
+  Probe(Reusable(probed) ? probed : nullptr);
+}
+
+// An earlier probe of the same files serves again when it went through without a word and the
+// files still have the sizes it saw.
+bool TSourceFiles::Reusable(const TSourceFiles* probed) const {
+  if (!probed || !probed->IsValid() || probed->probeSpoke || probed->names != names) return false;
+  for (size_t i = 0; i < names.size(); i++) {
+    struct stat info {};
+    if (stat(names[i].c_str(), &info) != 0 || int64_t(info.st_size) != probed->sizes[i])
+      return false;
+  }
+  return true;
 }
 
 TSourceFiles::~TSourceFiles() {
@@ -66,10 +79,13 @@ bool TSourceFiles::ReadAt(size_t index, int64_t offset, uint8_t* buffer, size_t 
   return true;
 }
 
-void TSourceFiles::Probe() {
+void TSourceFiles::Probe(const TSourceFiles* earlier) {
   std::unique_ptr<uint8_t[]> head, tail;
   size_t headCapacity = 0, tailCapacity = 0;
-  TTsProbe ts([this](int level, const std::string& text, bool force) { Log(level, text, force); });
+  TTsProbe ts([this](int level, const std::string& text, bool force) {
+    probeSpoke = true;
+    Log(level, text, force);
+  });
   for (size_t i = 0; i < names.size(); i++) {
     const std::string& name = names[i];
     int handle = open(name.c_str(), O_RDONLY | O_CLOEXEC);
@@ -82,12 +98,14 @@ void TSourceFiles::Probe() {
     sizes.push_back(handle >= 0 ? int64_t(info.st_size) : 0);
     firstStamps.push_back(-1);
     lastStamps.push_back(-1);
+    rawLastStamps.push_back(-1);
     if (handle < 0) {
       Fail("The source file \"" + name + "\" could not be opened.");
       continue;
     }
     posix_fadvise(handle, 0, 0, POSIX_FADV_SEQUENTIAL);
     totalSize += sizes[i];
+    if (earlier) continue;
 
     bool evoProbe = isEvo && (i == 0 || playTime > 0);
     if (!evoProbe && !isTs) continue;
@@ -111,6 +129,17 @@ void TSourceFiles::Probe() {
     if (evoProbe) ProbeEvo(i, head.get(), headSize, tail.get());
     if (isTs) ProbeTs(i, head.get(), headSize, tail.get(), ts);
   }
+  if (earlier) {
+    // The stamps as found; the end of a file lies one frame of this chain's rate behind them.
+    isEvo = earlier->isEvo;
+    isTs = earlier->isTs;
+    playTime = earlier->playTime;
+    firstStamps = earlier->firstStamps;
+    rawLastStamps = earlier->rawLastStamps;
+    for (size_t i = 0; i < names.size(); i++)
+      lastStamps[i] = earlier->firstStamps[i] >= 0 ? rawLastStamps[i] + FrameTicks() : -1;
+    return;
+  }
   if (!isEvo && !isTs) playTime = totalSize;
 }
 
@@ -120,6 +149,7 @@ void TSourceFiles::UseStamps(size_t index, int64_t first, int64_t last) {
   if (last < first) last += int64_t(1) << 32;
   playTime += last - first;
   firstStamps[index] = first;
+  rawLastStamps[index] = last;
   lastStamps[index] = last + FrameTicks();
 }
 
@@ -129,6 +159,7 @@ void TSourceFiles::ProbeEvo(size_t index, const uint8_t* head, size_t headSize, 
     if (index == 0) {
       isEvo = false;
     } else {
+      probeSpoke = true;
       Log(1, "The EVO/VOB file \"" + name + "\" doesn't contain a valid DSI packet.");
       playTime = 0;
     }
@@ -141,6 +172,7 @@ void TSourceFiles::ProbeEvo(size_t index, const uint8_t* head, size_t headSize, 
     if (index == 0) {
       isEvo = false;
     } else {
+      probeSpoke = true;
       Log(1, "The file \"" + name + "\" doesn't look like a valid EVO/VOB file.");
       playTime = 0;
     }
@@ -184,9 +216,11 @@ void TSourceFiles::ProbeTs(size_t index, const uint8_t* head, size_t headSize, u
   }
   auto badPes = [&] {
     if (index == 0) {
+      probeSpoke = true;
       Log(2, "This doesn't seem to be a valid PES packet.");
       isTs = false;
     } else {
+      probeSpoke = true;
       Log(1, "This doesn't seem to be a valid PES packet.");
       playTime = 0;
     }

@@ -34,13 +34,15 @@ public:
   static constexpr uint32_t kBlockSize = 16384;
 
   // `limit` is the number of bytes after which reading stops, 0 for none. The frame rate gives
-  // the length of the last frame of a file. Check IsValid() behind it.
+  // the length of the last frame of a file. `probed`, an earlier source of the same files whose
+  // probe found them without complaint, spares reading their heads and tails again. Check
+  // IsValid() behind it.
   static std::shared_ptr<TSourceFiles> Create(const std::vector<std::string>& names,
                                               uint32_t frameNumerator, uint32_t frameDenominator,
-                                              int64_t limit);
+                                              int64_t limit, const TSourceFiles* probed = nullptr);
 
   TSourceFiles(const std::vector<std::string>& names, uint32_t frameNumerator,
-               uint32_t frameDenominator, int64_t limit);
+               uint32_t frameDenominator, int64_t limit, const TSourceFiles* probed = nullptr);
   ~TSourceFiles() override;
 
   // The start button: takes no data and returns when the whole source has been pushed through.
@@ -64,7 +66,8 @@ public:
   // Two files join up when the next one's first time stamp is within this many 90 kHz ticks of
 
 private:
-  void Probe();
+  bool Reusable(const TSourceFiles* probed) const;
+  void Probe(const TSourceFiles* earlier);
   void ProbeEvo(size_t index, const uint8_t* head, size_t headSize, uint8_t* tail);
   void ProbeTs(size_t index, const uint8_t* head, size_t headSize, uint8_t* tail, TTsProbe& ts);
   void UseStamps(size_t index, int64_t first, int64_t last);
@@ -80,6 +83,7 @@ private:
   std::vector<int64_t> sizes;
   std::vector<int64_t> firstStamps;
   std::vector<int64_t> lastStamps;
+  std::vector<int64_t> rawLastStamps;  // the last stamps as found, before the frame is added
   uint32_t frameNumerator;
   uint32_t frameDenominator;
   uint32_t fileIndex = 0;
@@ -91,6 +95,7 @@ private:
   bool isEvo = true;
   bool isTs = true;
   bool crossedFile = false;
+  bool probeSpoke = false;  // the probe logged something: its findings are not reused
   bool finished = false;
 
   // Read-ahead: one large read serves many blocks. Holds bytes [cacheOffset, +cacheFill) of

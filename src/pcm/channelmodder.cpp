@@ -34,26 +34,53 @@ bool TChannelModder::InitAudio(const std::string& format, uint32_t inChannels, u
   return NotifyAudio(format, uint32_t(map.size()), bits, sampleRate, bigEndian, totalSize);
 }
 
+namespace {
+
+// One frame after another, each output sample picked from its input channel; the sample size is a
+// constant in each copy of the loop, so the copies become plain loads and stores.
+template <uint32_t kBytes>
+void PickChannels(const uint8_t* in, uint8_t* out, uint32_t frames, uint32_t channels,
+                  const std::vector<uint32_t>& map) {
+  const uint32_t frameBytes = channels * kBytes;
+  for (uint32_t f = 0; f < frames; f++, in += frameBytes)
+    for (uint32_t entry : map) {
+      std::memcpy(out, in + entry * kBytes, kBytes);
+      out += kBytes;
+    }
+}
+
+}  // namespace
+
 bool TChannelModder::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t position,
                            bool flush) {
   if (!valid) return false;
   if (channels == 0) return Fail("The channel modder didn't receive the format information.");
-  if (!StoreData(0, data, size))
-    return Fail("The channel modder couldn't allocate enough memory.");
   const uint32_t frameBytes = channels * bytes;
-  const uint32_t frames = BufferFill(0) / frameBytes;
+  // Whole frames are read straight from the block; only a frame cut at a block's end waits in
+  // buffer 0 for the rest of its bytes.
+  const uint8_t* in = data;
+  uint32_t frames = 0;
+  if (BufferFill(0) == 0) {
+    frames = size / frameBytes;
+    if (size % frameBytes && !StoreData(0, data + frames * frameBytes, size % frameBytes))
+      return Fail("The channel modder couldn't allocate enough memory.");
+  } else {
+    if (!StoreData(0, data, size)) return Fail("The channel modder couldn't allocate enough memory.");
+    in = BufferData(0);
+    frames = BufferFill(0) / frameBytes;
+  }
   if (frames == 0) return true;
   const uint32_t outFrame = uint32_t(map.size()) * bytes;
   if (!ReserveBuffer(1, frames * outFrame))
     return Fail("The channel modder couldn't allocate enough memory.");
-  const uint8_t* in = BufferData(0);
   uint8_t* out = BufferData(1);
-  const size_t outputs = map.size();
-  for (uint32_t f = 0; f < frames; f++, in += frameBytes) {
-    for (size_t k = 0; k < outputs; k++, out += bytes) std::memcpy(out, in + map[k] * bytes, bytes);
+  switch (bytes) {
+    case 1: PickChannels<1>(in, out, frames, channels, map); break;
+    case 2: PickChannels<2>(in, out, frames, channels, map); break;
+    default: PickChannels<3>(in, out, frames, channels, map); break;
   }
   bool ok = Send(false, BufferData(1), frames * outFrame, position, flush);
-  RemoveData(0, frames * frameBytes);
+  if (in != data) RemoveData(0, frames * frameBytes);
   return ok;
 }
 

@@ -56,7 +56,11 @@ bool TEndianSwapper::Write(SenderId, bool, const uint8_t* data, uint32_t size, i
     if (!ReserveBuffer(0, whole))
       return Fail("The endian swapper was not able to allocate enough memory.");
     uint8_t* out = BufferData(0);
-    for (uint32_t i = 0; i < whole; i += s) ReverseSample(data + i, out + i, s);
+    if (s == 2) {
+      for (uint32_t i = 0; i < whole; i += 2) ReverseSample(data + i, out + i, 2);
+    } else {
+      for (uint32_t i = 0; i < whole; i += 3) ReverseSample(data + i, out + i, 3);
+    }
   }
   std::memcpy(carry, data + whole, rest);
   carryFill = rest;

@@ -1,6 +1,6 @@
-// TRawGapRealizer. Buffer 0 holds incoming data, buffer 1 the latest second of audio. The first
-// entry is read at construction, before the sample rate is known, and so yields no change: the
-// changes begin with the second entry.
+// TRawGapRealizer. Buffer 0 holds incoming data, buffer 1 at least the latest second of audio.
+// The first entry is read at construction, before the sample rate is known, and so yields no
+// change: the changes begin with the second entry.
 #include "pcm/rawgaprealizer.h"
 
 #include <algorithm>
@@ -68,9 +68,13 @@ bool TRawGapRealizer::Write(SenderId, bool, const uint8_t* data, uint32_t size, 
   if (nextGap == 0 && pending == 0 && index == -1) return Send(false, data, size, -1, false);
   if (!StoreData(0, data, size) || !StoreData(1, data, size))
     return Fail("The raw gap realizer was not able to allocate enough memory.");
-  uint32_t keep = BufferFill(1) / frameBytes * frameBytes;
-  keep = std::min(keep, secondBytes);
-  RemoveData(1, BufferFill(1) - keep);
+  // Only the latest second counts; older audio is dropped in bulk once four seconds have
+  // gathered, rather than moving a second of audio along behind every block.
+  if (BufferFill(1) >= 4 * uint64_t(secondBytes)) {
+    uint32_t keep = BufferFill(1) / frameBytes * frameBytes;
+    keep = std::min(keep, secondBytes);
+    RemoveData(1, BufferFill(1) - keep);
+  }
   uint64_t n = BufferFill(0) / frameBytes;
   while (true) {
     if (nextGap != 0 && nextGap < current) nextGap = current;

@@ -131,6 +131,7 @@ bool TMainRun::Analyse() {
   auto detector = TFormatDetector::Create(options.logDts, options.logPids);
   source->SetUpStream(detector);
   analysis = source;
+  info.probed = source;
   if (source->IsValid()) source->Write(0, false, nullptr, 0, -1, false);
   UpdateProgress(1, 0);
   auto container = detector->ContainerDetails();

@@ -190,7 +190,7 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
     rateDen = firstVideo->RateDenominator();
   }
   int64_t limit = int64_t(options.megabytes) * 1024 * 1024;
-  auto source = TSourceFiles::Create(options.sources, rateNum, rateDen, limit);
+  auto source = TSourceFiles::Create(options.sources, rateNum, rateDen, limit, info.probed.get());
   if (!source->IsValid()) return false;
   if (info.junkBytes > 0) source->Seek(info.junkBytes);
 

@@ -12,6 +12,8 @@
 
 namespace sonvex {
 
+class TSourceFiles;
+
 enum class TTrackKind { None, Chapters, Joined, Video, Audio, Subtitle };
 
 // What the analysis found, as the chain building needs it.
@@ -23,6 +25,7 @@ struct TSourceInfo {
   bool joinedContainer = false;
   std::string chapterText;
   int64_t junkBytes = 0;  // leading junk that detection skipped; the pass reads behind it
+  std::shared_ptr<const TSourceFiles> probed;  // the analysis source, whose probe passes reuse
 };
 
 struct TTrackRef {

@@ -33,6 +33,7 @@ bool TTsDemuxer::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
   if (!valid) return false;
   if (!CheckUpStreams("ts demuxer")) return false;
   if (!formatSeen) return Fail("The ts demuxer didn't receive the format information.");
+  if (probeCount == 0 && BufferFill(0) < packetSize) return WriteDirect(data, size);
   if (!StoreData(0, data, size)) return Fail("The ts demuxer couldn't allocate enough memory.");
   if (probeCount) {
     switch (ProbeTsPacketSize(BufferData(0), BufferFill(0), probeCount)) {
@@ -53,6 +54,31 @@ bool TTsDemuxer::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
   }
   RemoveData(0, offset);
   bytesDone += offset;
+  if (!valid) container.containerValid = false;
+  return valid;
+}
+
+// Once the packet size is known, packets are read where they lie in the block; only a packet cut
+// at the block's end is gathered in buffer 0, and completed from the front of the next block.
+bool TTsDemuxer::WriteDirect(const uint8_t* data, uint32_t size) {
+  uint32_t used = 0;
+  if (BufferFill(0) > 0) {
+    used = std::min(size, packetSize - BufferFill(0));
+    if (!StoreData(0, data, used)) return Fail("The ts demuxer couldn't allocate enough memory.");
+    if (BufferFill(0) < packetSize) return true;
+    packetPosition = bytesDone;
+    HandlePacket(BufferData(0));
+    SetBufferFill(0, 0);
+    bytesDone += packetSize;
+  }
+  while (valid && size - used >= packetSize) {
+    packetPosition = bytesDone;
+    HandlePacket(data + used);
+    used += packetSize;
+    bytesDone += packetSize;
+  }
+  if (valid && used < size && !StoreData(0, data + used, size - used))
+    return Fail("The ts demuxer couldn't allocate enough memory.");
   if (!valid) container.containerValid = false;
   return valid;
 }

@@ -38,6 +38,7 @@ private:
   };
 
   bool Damaged(const std::string& what);
+  bool WriteDirect(const uint8_t* data, uint32_t size);
   bool HandlePacket(const uint8_t* packet);
   bool HandlePat(const uint8_t* packet, uint32_t p, bool unitStart);
   bool HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, bool unitStart);

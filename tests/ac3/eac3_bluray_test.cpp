@@ -125,6 +125,16 @@ TEST(Eac3Bluray, EverythingBehindTheCoreBelongsToTheUnit) {
   }
 }
 
+// The same units as a stream: the reader passes every unit whole, whatever the piece size.
+TEST(Eac3Bluray, UnitsBehindACoreGoThroughTheReaderWhole) {
+  const auto core = MakeAc3Frame({.frmsizecod = 30, .acmod = 7, .lfe = 1});
+  for (const auto& unit : {Concat({core, RearPairFrame()}),
+                           Concat({core, RearPairFrame(), MakeEac3Frame({.words = 256})})}) {
+    auto stream = Repeat(unit, 12);
+    RunParserBattery([] { return TAc3Reader::Create("", "", false); }, stream, stream);
+  }
+}
+
 // Dialnorm removal patches the AC3 core and the dependent frame of every unit, with good CRCs.
 TEST(Eac3Bluray, DialnormRemovalPatchesEveryFrameOfTheUnit) {
   SKIP_WITHOUT_CORPUS();
