@@ -16,6 +16,7 @@ mkdir -p "$work"
 [ -f "$build/CMakeCache.txt" ] ||
   cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSONVEX_TESTS=OFF >/dev/null
 cmake --build "$build" -j2 --target sonvex >/dev/null
+build=$(cd "$build" && pwd)  # the runs below start in the work folder
 
 # About 5 MB per loop of bd_h264_multi.m2ts with video and two audio tracks: 216 loops pass 1 GiB.
 if [ ! -s "$big" ] || [ "$(stat -c %s "$big")" -lt 1073741824 ]; then

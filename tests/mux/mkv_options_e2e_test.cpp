@@ -262,5 +262,20 @@ TEST(MkvOptions, DiscTitleWritesChaptersAndAudioBeside) {
   EXPECT_EQ(frames(dir / "movie.mkv").substr(0, 4), frames((CorpusDir() / "gen/bd_join_full.m2ts").string()).substr(0, 4));
 }
 
+
+// HEVC has no muxing stage: a bare stream and an M2TS with audio beside the video both stop
+// before anything is written, the audio that would go beside the MKV included.
+TEST(MkvOptions, HevcIsRefused) {
+  SKIP_WITHOUT_CORPUS();
+  for (const char* file : {"gen/uhd_hdr10_2160p24.hevc", "gen/bd_uhd_hevc_ac3.m2ts"}) {
+    TempDir dir;
+    RunResult run = RunSonvex({(CorpusDir() / file).string(), dir / "out.mkv"}, dir.path());
+    EXPECT_EQ(run.exitCode, 1) << file;
+    EXPECT_TRUE(run.HasLine("[v01] Unsupported video format.")) << file << run.out << run.err;
+    EXPECT_FALSE(run.HasLine("Done.")) << file;
+    EXPECT_EQ(ListFiles(dir.path()), std::vector<std::string>{"out - Log.txt"}) << file;
+  }
+}
+
 }  // namespace
 }  // namespace sonvex::test
