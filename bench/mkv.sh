@@ -16,6 +16,7 @@ mkdir -p "$work"
 [ -f "$build/CMakeCache.txt" ] ||
   cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSONVEX_TESTS=OFF >/dev/null
 cmake --build "$build" -j2 --target sonvex >/dev/null
+build=$(cd "$build" && pwd)  # the runs below start in the work folder
 
 # About 5 MB per loop of bd_h264_multi.m2ts with video and two audio tracks: 216 loops pass 1 GiB.
 if [ ! -s "$big" ] || [ "$(stat -c %s "$big")" -lt 1073741824 ]; then
@@ -35,12 +36,13 @@ run() {
 run sonvex sh -c "cd '$work' && '$build/sonvex' '$big' 1: out_sonvex.mkv"
 sv_frames=$(ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 "$work/out_sonvex.mkv" 2>/dev/null || echo ?)
 run ffmpeg ffmpeg -nostdin -v error -y -i "$big" -map 0:v -c copy "$work/out_ffmpeg.mkv"
+ff_frames=$(ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 "$work/out_ffmpeg.mkv" 2>/dev/null || echo ?)
 if command -v mkvmerge >/dev/null; then
   run mkvmerge mkvmerge -q -o "$work/out_mkvmerge.mkv" -A -S -B -M "$big"
 fi
 
 ff=$(cut -d' ' -f1 "$work/ffmpeg.time")
-echo "frames in sonvex's MKV: $sv_frames"
+echo "frames in sonvex's MKV: $sv_frames, in ffmpeg's: $ff_frames"
 printf '%-10s %8s %8s %10s %10s %10s\n' tool seconds "vs ffmpeg" "peak KB" "inv. ctx" "vol. ctx"
 for name in sonvex ffmpeg mkvmerge; do
   [ -s "$work/$name.time" ] || continue

@@ -6,7 +6,8 @@ packages=(g++ cmake ninja-build pkg-config ccache clang
           libclang-rt-14-dev  # libFuzzer and the sanitizer runtimes of the clang fuzz build
           ffmpeg flac sox
           mkvtoolnix      # mkvinfo: an oracle of the Matroska tests only
-          libbluray-bin)  # bd_list_titles: an oracle of the disc tests and bench only
+          libbluray-bin   # bd_list_titles: an oracle of the disc tests and bench only
+          libbluray-dev)  # libbluray's playlist and clip-info parsers: an oracle of the disc tests only
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

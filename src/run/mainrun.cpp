@@ -294,10 +294,11 @@ void TMainRun::AddMkvSideActions(TAction mkv) {
       auto details = ref.entry.details->AudioDetails();
       std::string tag = details->Format();
       bool lossless = ExtensionIn(tag, "thd|thd/ac3|pcm|evo/pcm|vob/pcm|ts/pcm|m2ts/pcm|dtsma");
-      action.dest = base + DemuxAudioText(details->Description()) + "." + (lossless ? "flac" : tag);
+      action.dest = base + DemuxAudioText(details->Description()) + DiscNameSuffix(ref) + "." +
+                    (lossless ? "flac" : tag);
     } else if (ref.kind == TTrackKind::Subtitle) {
       if (evo && ref.entry.id >= 16) continue;
-      action.dest = base + TrackText(ref) + ".sup";
+      action.dest = base + TrackText(ref) + DiscNameSuffix(ref) + ".sup";
     } else {
       continue;
     }
