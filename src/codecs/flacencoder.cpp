@@ -102,6 +102,9 @@ bool TFlacEncoder::InitAudio(const std::string& format, uint32_t inChannels, uin
             FLAC__stream_encoder_set_compression_level(encoder, compressionLevel) &&
             FLAC__stream_encoder_set_sample_rate(encoder, rate) &&
             FLAC__stream_encoder_set_verify(encoder, true);
+  if (ok && sizeContest)
+    ok = FLAC__stream_encoder_set_max_lpc_order(encoder, 0) &&
+         FLAC__stream_encoder_set_verify(encoder, false);
   if (ok && totalSize > 0)
     ok = FLAC__stream_encoder_set_total_samples_estimate(encoder, uint64_t(totalSize));
   auto decoder = source.lock();

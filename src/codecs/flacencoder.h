@@ -24,6 +24,12 @@ public:
     return std::make_shared<TFlacEncoder>(compressionLevel, std::move(source));
   }
 
+  // For a contest of sizes (the raw analysis), before InitAudio: fixed predictors only, no
+  // verification. A linear predictor of high order reaches back across interleaved channels to
+  // the same channel a few samples earlier, and so blurs the difference between reading a file
+  // with the right and with a wrong number of channels, which is what the contest is about.
+  void SetSizeContest() { sizeContest = true; }
+
   bool InitAudio(const std::string& format, uint32_t channels, uint32_t bitsPerSample,
                  uint32_t sampleRate, bool bigEndian, int64_t totalSize) override;
   bool Write(SenderId sender, bool isHeader, const uint8_t* data, uint32_t size, int64_t position,
@@ -48,6 +54,7 @@ private:
   bool headerDone = false;
   bool metadataTaken = false;
   bool formatReceived = false;
+  bool sizeContest = false;
   // Weak: the decoder usually stands ahead of this stage in the same chain and holds it.
   std::weak_ptr<IFlacDecoder> source;
 };

@@ -1,7 +1,8 @@
 // TRawAnalyzer. Candidates in table order: channels 1 to 8, layouts 1 to 6, little then big
 // endian (8-bit layouts only little). Each is an encoder (behind a TEndianSwapper for big
-// endian) at compression level 8 with a TFileSimulator that counts its output. The analysis runs
-// on every block; a decision can be replaced by a later one when another candidate pulls ahead.
+// endian) at compression level 8, in its size contest form (fixed predictors only), with a
+// TFileSimulator that counts its output. The analysis runs on every block; a decision can be
+// replaced by a later one when another candidate pulls ahead.
 #include "pcm/rawanalyzer.h"
 
 #include <algorithm>
@@ -92,6 +93,7 @@ void TRawAnalyzer::BuildCandidates() {
         c.skipLeft = layout.skip;
         c.bigEndian = big;
         auto encoder = TFlacEncoder::Create(8);
+        encoder->SetSizeContest();
         c.sink = TFileSimulator::Create();
         encoder->SetUpStream(c.sink);
         if (big) {
@@ -353,7 +355,13 @@ void TRawAnalyzer::ReportChannelCounts() {
 
 bool TRawAnalyzer::Finish() {
   if (!formatReceived) return false;
-  if (valid && Unknown()) Analyse(true);
+  if (valid && Unknown()) {
+    // The encoders hold back the samples of their last, unfinished frame, more of them the more
+    // channels and bytes a reading has: finished, every candidate has coded all it was given.
+    for (TCandidate& c : candidates)
+      if (c.first && !c.first->Finish()) Drop(c);
+    Analyse(true);
+  }
   if (refused) return true;
   if (!Unknown() || !candidatesBuilt) {
     if (!Unknown()) SetDetails();

@@ -310,13 +310,14 @@ TEST(EvoSubReader, UnitsGetSpHeadsTimesAndPads) {
   EXPECT_TRUE(capture->delaysSeen.empty());
 }
 
-// Repairer: a unit of two packets behind a DSI packet.
-Bytes Unit(uint32_t start, uint32_t end, uint32_t pts) {
-  Bytes b = PackHeader();
+// Repairer: a unit of two packets behind a DSI packet, in three packs whose clock starts at `scr`
+// and rises by 10.
+Bytes Unit(uint32_t start, uint32_t end, uint32_t pts, uint64_t scr) {
+  Bytes b = PackHeader(75600, scr);
   Append(b, Dsi(start, end));
-  Append(b, PackHeader());
+  Append(b, PackHeader(75600, scr + 10));
   Append(b, Pes(0xE0, pts, Filled(64, 4), 0, pts - 3003));
-  Append(b, PackHeader());
+  Append(b, PackHeader(75600, scr + 20));
   Append(b, Pes(0xE0, -1, Filled(64, 6)));
   return b;
 }
@@ -332,22 +333,36 @@ Bytes Repair(const Bytes& stream, TLogLines& log) {
 }
 
 TEST(EvoRepairer, ContinuousTimesStayAndAJumpIsLaidOnTheRunningTime) {
-  Bytes continuous = Unit(9000, 54045, 9000);
-  Append(continuous, Unit(54045, 99090, 54045));
+  Bytes continuous = Unit(9000, 54045, 9000, 4000);
+  Append(continuous, Unit(54045, 99090, 54045, 49045));
   TLogLines quiet;
   EXPECT_EQ(Repair(continuous, quiet), continuous);
   EXPECT_EQ(quiet.Count("Fixing EVO/VOB timestamps..."), 0u);
 
-  Bytes joined = Unit(9000, 54045, 9000);
-  Append(joined, Unit(900000, 945045, 900000));
-  Append(joined, Unit(945045, 990090, 945045));
+  // Times, DTS and the clock of the packs move with their unit.
+  Bytes joined = Unit(9000, 54045, 9000, 4000);
+  Append(joined, Unit(900000, 945045, 900000, 895000));
+  Append(joined, Unit(945045, 990090, 945045, 940045));
   TLogLines log;
   Bytes repaired = Repair(joined, log);
   EXPECT_EQ(log.Count("Fixing EVO/VOB timestamps..."), 1u);
-  Bytes expected = Unit(9000, 54045, 9000);
-  Append(expected, Unit(54045, 99090, 54045));
-  Append(expected, Unit(99090, 144135, 99090));
+  Bytes expected = Unit(9000, 54045, 9000, 4000);
+  Append(expected, Unit(54045, 99090, 54045, 49045));
+  Append(expected, Unit(99090, 144135, 99090, 94090));
   EXPECT_EQ(repaired, expected);
+}
+
+// The first part's last packs were sent later than the second part's first pack would come when
+// moved with its unit: the clock runs on from the last pack by its last step instead.
+TEST(EvoRepairer, TheClockOfThePacksNeverRunsBack) {
+  Bytes joined = Unit(9000, 54045, 9000, 50000);
+  Append(joined, Unit(900000, 945045, 900000, 895000));
+  Append(joined, Unit(945045, 990090, 945045, 940045));
+  TLogLines log;
+  Bytes expected = Unit(9000, 54045, 9000, 50000);
+  Append(expected, Unit(54045, 99090, 54045, 50030));
+  Append(expected, Unit(99090, 144135, 99090, 95075));
+  EXPECT_EQ(Repair(joined, log), expected);
 }
 
 }  // namespace

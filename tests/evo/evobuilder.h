@@ -14,9 +14,11 @@ using Bytes = std::vector<uint8_t>;
 
 inline void Append(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
 
-// A 14-byte MPEG-2 pack header with SCR 0 and the given program_mux_rate.
-inline Bytes PackHeader(uint32_t muxRate = 75600) {
-  return {0x00, 0x00, 0x01, 0xBA, 0x44, 0x00, 0x04, 0x00, 0x04, 0x01,
+// A 14-byte MPEG-2 pack header with the given program_mux_rate and SCR (extension 0).
+inline Bytes PackHeader(uint32_t muxRate = 75600, uint64_t scr = 0) {
+  return {0x00, 0x00, 0x01, 0xBA, uint8_t(0x44 | ((scr >> 27) & 0x38) | ((scr >> 28) & 3)),
+          uint8_t(scr >> 20), uint8_t(0x04 | ((scr >> 12) & 0xF8) | ((scr >> 13) & 3)),
+          uint8_t(scr >> 5), uint8_t(0x04 | ((scr << 3) & 0xF8)), 0x01,
           uint8_t(muxRate >> 14), uint8_t(muxRate >> 6), uint8_t(muxRate << 2 | 3), 0xF8};
 }
 

@@ -98,9 +98,67 @@ struct RawCase {
 // The corpus streams carry a white noise floor (about -60 dB) under their tones, under which
 // every reading compresses alike; a low-pass takes it out, so that the decode looks like
 // program material, which has little energy at the top of the band.
-// Makes each raw file, runs sonvex on it and checks the PCM written. Where the sizes leave only
-// the channel count open, the analysis answers with the list of counts and the most probable
-// one: that one must be right, and given as "-N" it must then be taken.
+// Runs sonvex on `full` cut by `cut` bytes (written to "in.raw") and checks the PCM written: the
+// decode itself, little-endian, from the first whole sample on (`skip` bytes of the cut file
+// belong to no whole sample). Where the sizes leave only the channel count open, the analysis
+// answers with the list of counts and the most probable one: that one must be right, and given
+// as "-N" it must then be taken. `listing`: empty, or the line the source must list as.
+void CheckRawRun(const std::string& full, const std::string& format, int channels, int cut,
+                 int skip, const std::string& listing) {
+  TempDir work;
+  std::string cutFile = full.substr(size_t(cut));
+  { std::ofstream(work / "in.raw", std::ios::binary) << cutFile; }
+  RunResult r = RunSonvex({work / "in.raw", "out.raw"}, work.path());
+  const std::string probable =
+      "The most probable number of channels is " + std::to_string(channels) + ".";
+  if (r.exitCode == 1 && r.HasLine(probable)) {
+    EXPECT_TRUE(r.HasLine("Please specify one of these via command line paramater.")) << r.out;
+    r = RunSonvex({work / "in.raw", "out.raw", "-" + std::to_string(channels)}, work.path());
+    EXPECT_TRUE(r.HasLine("The suggested number of " + std::to_string(channels) +
+                          " channels is probably correct."))
+        << r.out;
+  }
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  if (r.exitCode != 0) return;
+  if (!listing.empty()) EXPECT_TRUE(r.HasLine(listing)) << r.out;
+  std::string little = full;
+  int bytes = format == "u8" ? 1 : format[1] == '1' ? 2 : 3;
+  if (format.substr(format.size() - 2) == "be")
+    for (size_t i = 0; i + size_t(bytes) <= little.size(); i += size_t(bytes))
+      std::reverse(little.begin() + long(i), little.begin() + long(i) + bytes);
+  std::string expected = little.substr(size_t(cut + skip));
+  // Big-endian 5.1 and 7.1 are taken for Blu-ray LPCM, stored L R C Ls Rs LFE and
+  // L R C Ls Rs Lb Rb LFE, and come out in the program's WAV order for those ("bluray" remap).
+  // The remap works on whole frames; otherwise a frame cut short at the end passes as it is.
+  static const int kBluray6[] = {0, 1, 2, 5, 3, 4};
+  static const int kBluray8[] = {0, 1, 2, 7, 4, 5, 3, 6};
+  const size_t frame = size_t(bytes * channels);
+  if (format.substr(format.size() - 2) == "be" && (channels == 6 || channels == 8)) {
+    expected.resize(expected.size() / frame * frame);
+    const int* order = channels == 6 ? kBluray6 : kBluray8;
+    std::string stored = expected;
+    for (size_t at = 0; at < expected.size(); at += frame)
+      for (int c = 0; c < channels; c++)
+        expected.replace(at + size_t(c * bytes), size_t(bytes), stored, at + size_t(order[c] * bytes),
+                         size_t(bytes));
+  } else if (cut == 0) {
+    expected.resize(expected.size() / frame * frame);
+  }
+  std::string out = ReadFile(work.path() / "out.raw");
+  EXPECT_EQ(out.size(), expected.size());
+  EXPECT_TRUE(out == expected);
+}
+
+// Clears the low `bits` bits of every 24-bit sample (20-bit audio in 24-bit samples).
+void ClearLowBits(std::string& data, bool bigEndian, int bits) {
+  for (size_t i = bigEndian ? 2 : 0; i < data.size(); i += 3)
+    data[i] = char(uint8_t(data[i]) & uint8_t(0xFF << bits));
+}
+
+// The corpus streams carry a white noise floor (about -60 dB) under their tones, under which
+// every reading compresses alike; a low-pass takes it out, so that the decode looks like
+// program material, which has little energy at the top of the band.
+// Makes each raw file and checks what sonvex makes of it.
 void CheckRawCases(const std::vector<RawCase>& cases) {
   for (const RawCase& c : cases) {
     SCOPED_TRACE(std::string(c.format) + " " + std::to_string(c.channels) + " channels, cut " +
@@ -110,39 +168,61 @@ void CheckRawCases(const std::vector<RawCase>& cases) {
                std::to_string(c.channels) + " -f " + c.format + " full.raw",
            work.path());
     std::string full = ReadFile(work.path() / "full.raw");
-    if (c.lowBitsZero)
-      for (size_t i = 0; i + 3 <= full.size(); i += 3) full[i] = char(uint8_t(full[i]) & 0xF0);
-    std::string cut = full.substr(size_t(c.cut));
-    { std::ofstream(work / "in.raw", std::ios::binary) << cut; }
-    RunResult r = RunSonvex({work / "in.raw", "out.raw"}, work.path());
-    const std::string probable =
-        "The most probable number of channels is " + std::to_string(c.channels) + ".";
-    if (r.exitCode == 1 && r.HasLine(probable)) {
-      EXPECT_TRUE(r.HasLine("Please specify one of these via command line paramater.")) << r.out;
-      r = RunSonvex({work / "in.raw", "out.raw", "-" + std::to_string(c.channels)}, work.path());
-      EXPECT_TRUE(r.HasLine("The suggested number of " + std::to_string(c.channels) +
-                            " channels is probably correct."))
-          << r.out;
-    }
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    if (r.exitCode != 0) continue;
-    EXPECT_TRUE(r.HasLine(c.listing)) << r.out;
-    // The PCM written is the decode itself, little-endian, from the first whole sample on.
-    std::string little = full;
-    const std::string fmt = c.format;
-    int bytes = fmt == "u8" ? 1 : fmt[1] == '1' ? 2 : 3;
-    if (fmt.back() == 'e' && fmt.substr(fmt.size() - 2) == "be")
-      for (size_t i = 0; i + size_t(bytes) <= little.size(); i += size_t(bytes))
-        std::reverse(little.begin() + long(i), little.begin() + long(i) + bytes);
-    std::string expected = little.substr(size_t(c.cut + c.skip));
-    size_t frame = size_t(bytes * c.channels);
-    expected.resize(expected.size() / frame * frame);
-    std::string out = ReadFile(work.path() / "out.raw");
-    EXPECT_EQ(out.size(), expected.size());
-    EXPECT_TRUE(out == expected);
+    if (c.lowBitsZero) ClearLowBits(full, false, c.lowBitsZero);
+    CheckRawRun(full, c.format, c.channels, c.cut, c.skip, c.listing);
   }
 }
 
+// Every candidate layout, made from the decode of a real film's 7.1 E-AC3 track (5 seconds)
+// mixed to 1 to 8 channels by ffmpeg: 16, 20 (24-bit samples with the low 4 bits clear) and 24
+// bits, both byte orders, and files cut 1 or 2 bytes into a sample. Mono at 24 bits carries eight
+// bits of the decoder's rounding noise in every sample, which costs all readings alike; it gets
+// 10 seconds, and its channel count may come as the most probable one of a list.
+void CheckFilmLayouts(int bits, const std::string& order) {
+  static const char* const kLayoutNames[] = {"", "1.0", "2.0", "3", "4", "5", "5.1", "6.1", "7.1"};
+  const std::string format = std::string("s") + (bits == 16 ? "16" : "24") + order;
+  struct TCut {
+    int cut, skip;
+  };
+  const std::vector<TCut> cuts =
+      bits == 16 ? std::vector<TCut>{{0, 0}, {1, 1}} : std::vector<TCut>{{0, 0}, {1, 2}, {2, 1}};
+  for (int channels = 1; channels <= 8; channels++) {
+    TempDir work;
+    const bool longer = bits == 24 && channels == 1;
+    Ffmpeg(std::string(longer ? "-stream_loop 1 " : "") + "-i " +
+               ShellQuote((CorpusDir() / "public/eac3/the_great_wall_7.1.eac3").string()) +
+               " -t " + (longer ? "10" : "5") + " -ac " + std::to_string(channels) + " -f " +
+               format + " full.raw",
+           work.path());
+    std::string full = ReadFile(work.path() / "full.raw");
+    if (bits == 20) ClearLowBits(full, order == "be", 4);
+    // Cut files are tried with one, two and six channels.
+    for (const TCut& cut : cuts) {
+      if (cut.cut && channels != 1 && channels != 2 && channels != 6) continue;
+      SCOPED_TRACE(std::to_string(bits) + " bits " + order + ", " + std::to_string(channels) +
+                   " channels, cut " + std::to_string(cut.cut));
+      std::string listing = std::string("RAW/PCM, ") + kLayoutNames[channels] + " channels, 0:00:" +
+                            (longer ? "10" : "05") + ", " + (bits == 16 ? "16" : "24") +
+                            " bits, 48khz";
+      CheckRawRun(full, format, channels, cut.cut, cut.skip, cut.cut ? "" : listing);
+    }
+  }
+}
+
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt16Bits) {
+  CheckFilmLayouts(16, "le");
+  CheckFilmLayouts(16, "be");
+}
+
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt20Bits) {
+  CheckFilmLayouts(20, "le");
+  CheckFilmLayouts(20, "be");
+}
+
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt24Bits) {
+  CheckFilmLayouts(24, "le");
+  CheckFilmLayouts(24, "be");
+}
 
 TEST_F(PcmRun, EveryCandidateLayoutIsRecognisedAt8And16Bits) {
   CheckRawCases({
