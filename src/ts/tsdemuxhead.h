@@ -17,12 +17,12 @@ struct TTsHeadRequest {
   int32_t trackNumber = 0;
   bool ignoreDiscontinuity = false;
   bool isVideo = false;
-  bool isSubtitle = false;
-  int64_t timeOrigin = -1;  // subtitles: the source's time origin in 90 kHz ticks, -1 unknown
   std::string audioFormat;  // the track's format tag ("ac3", "pcm", ...), empty for video
   bool check = false;       // the destination is a "%check%" name
   std::string gapFileName;  // destination + ".gaps"
   std::string gapData;      // content of an existing ".gaps" file, or empty
+  bool isSubtitle = false;
+  int64_t timeOrigin = -1;  // subtitles: the source's time origin in 90 kHz ticks, -1 unknown
 };
 
 UpStreamRef BuildTsDemuxHead(const TTsHeadRequest& request);

@@ -140,8 +140,14 @@ void ReadTsEntryFacts(uint8_t tag, const uint8_t* body, uint32_t length, TsEntry
     // dv_version_major, dv_version_minor, then dv_profile(7) dv_level(6) rpu_present_flag(1)
     // el_present_flag(1) bl_present_flag(1).
     bool elPresent = body[3] & 0x02, blPresent = body[3] & 0x01;
+    facts.dolbyVisionDescriptor = true;
     facts.dolbyVisionEnhancement = elPresent && !blPresent;
   }
+}
+
+bool TsEntryFacts::EnhancementLayer(uint8_t type, uint32_t pid) const {
+  if (type != 0x24) return false;
+  return dolbyVisionDescriptor ? dolbyVisionEnhancement : pid == kDolbyVisionElPid;
 }
 
 int64_t PesHeaderPts(const uint8_t* payload, uint32_t size) {

@@ -54,7 +54,10 @@ std::string TsPayloadTag(const uint8_t* pes, uint32_t size);
 // which makes it the enhancement layer of a dual-layer title.
 struct TsEntryFacts {
   std::string language;
+  bool dolbyVisionDescriptor = false;
   bool dolbyVisionEnhancement = false;
+  // A second HEVC stream is the enhancement layer by its descriptor, or without one by its PID.
+  bool EnhancementLayer(uint8_t type, uint32_t pid) const;
 };
 void ReadTsEntryFacts(uint8_t tag, const uint8_t* body, uint32_t length, TsEntryFacts& facts);
 

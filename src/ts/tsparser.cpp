@@ -51,10 +51,12 @@ bool TTsParser::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_
   const uint8_t* buffer = BufferData(0);
   uint32_t fill = BufferFill(0), offset = 0;
   while (valid && fill - offset >= packetSize) {
+    packetPosition = bytesDone + offset;
     HandlePacket(buffer + offset);
     offset += packetSize;
   }
   RemoveData(0, offset);
+  bytesDone += offset;
   if (!valid) container.containerValid = false;
   return valid;
 }
@@ -89,15 +91,19 @@ bool TTsParser::HandlePacket(const uint8_t* packet) {
   return true;
 }
 
-// The time origin is what a player takes as the start of the file: the earliest first PTS of the
-// audio and video streams; a subtitle stream's counts only where no audio or video has one, or
-// where it starts less than a second ahead of them.
+// The time origin of a subtitle track is where a player's reading of the file puts time 0 for
+// it: the track's own first PTS when the probing at the start of the file meets it (within
+// kProbeBytes and kProbeTicks of the file's start), else the file's start. The file starts at the
+// earliest first PTS of its audio and video streams; a subtitle stream's counts only where no
+// audio or video has one, or where it starts less than a second ahead of them.
 void TTsParser::NoteFirstPts(TsPidEntry& entry, const uint8_t* payload, uint32_t size) {
   entry.FirstPts = PesHeaderPts(payload, size);
+  entry.FirstPosition = packetPosition;
   if (entry.FirstPts != -1) UpdateTimeOrigin();
 }
 
 void TTsParser::UpdateTimeOrigin() {
+  static constexpr int64_t kProbeBytes = 5000000, kProbeTicks = 5 * 90000;
   if (subtitleReaders.empty()) return;
   int64_t media = -1, text = -1;
   for (const TsPidEntry& stream : pids) {
@@ -105,9 +111,14 @@ void TTsParser::UpdateTimeOrigin() {
     int64_t& low = stream.Kind == 4 ? text : media;
     if (low == -1 || stream.FirstPts < low) low = stream.FirstPts;
   }
-  int64_t origin = media;
-  if (media == -1 || (text != -1 && media > text && media - text < 90000)) origin = text;
-  for (const auto& reader : subtitleReaders) reader->SetTimeOrigin(origin);
+  int64_t start = media;
+  if (media == -1 || (text != -1 && media > text && media - text < 90000)) start = text;
+  for (const auto& [pid, reader] : subtitleReaders) {
+    const TsPidEntry& own = pids[pid];
+    bool probed = own.FirstPts != -1 && own.FirstPosition < kProbeBytes &&
+                  own.FirstPts - start < kProbeTicks;
+    reader->SetTimeOrigin(probed ? own.FirstPts : start);
+  }
 }
 
 // Every program of the PAT is taken: each PMT PID is marked.
@@ -222,8 +233,7 @@ bool TTsParser::Classify(uint32_t pid, uint8_t type, const std::string& reg, std
     if (kind == 4)
       AddSubtitle(pid, found.tag, facts.language);
     else if (*found.tag)
-      AddTrack(isVideo, pid, found.tag, "",
-               type == 0x24 && (facts.dolbyVisionEnhancement || pid == kDolbyVisionElPid));
+      AddTrack(isVideo, pid, found.tag, "", facts.EnhancementLayer(type, pid));
   } else if (entry.Kind == kind) {
     if (entry.StreamType != type) {
       Log(2, prefix + HexByteText(entry.StreamType) + " to " + HexByteText(type) + ".");
@@ -278,7 +288,7 @@ void TTsParser::AddSubtitle(uint32_t pid, const std::string& tag, const std::str
   reader->SetSilent(true);
   reader->InitSubtitle(tag);
   reader->SubtitleDetails()->SetLanguage(language);
-  subtitleReaders.push_back(reader);
+  subtitleReaders.push_back({pid, reader});
   UpdateTimeOrigin();
   AnnounceContainer();
   AddSubtitleTrack(int32_t(pid), reader, 0);

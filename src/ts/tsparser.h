@@ -49,6 +49,7 @@ private:
     bool Started = false;
     bool ProgramHdmv = false;  // the program carries the "HDMV" registration
     int64_t FirstPts = -1;     // 33-bit PTS of the stream's first PES packet that has one
+    int64_t FirstPosition = 0;  // where that packet lies in the source
   };
   struct TsTrack {
     bool IsVideo = false;
@@ -96,7 +97,9 @@ private:
   int32_t patFill = 0;
   std::array<uint8_t, 1024> pat{};
   std::vector<uint32_t> seenPids;
-  std::vector<std::shared_ptr<TPgsReader>> subtitleReaders;
+  std::vector<std::pair<uint32_t, std::shared_ptr<TPgsReader>>> subtitleReaders;  // by PID
+  int64_t bytesDone = 0;       // source bytes taken from buffer 0 so far
+  int64_t packetPosition = 0;  // source position of the packet being handled
 };
 
 }  // namespace sonvex
