@@ -6,7 +6,7 @@
 # Usage: bench/pgs.sh [build dir] [loops]
 set -eu
 here=$(cd "$(dirname "$0")/.." && pwd)
-build=${1:-$here/build-release}
+build=$(realpath -m "${1:-$here/build-release}")
 loops=${2:-40}
 corpus=$here/../shared/corpus/gen
 work=${TMPDIR:-/tmp}/sonvex_pgs_bench
