@@ -85,6 +85,16 @@ for seed in "0 gen/ts_h264_eac3_ac3_aac.ts" "1 gen/bd_h264_multi.m2ts" "1 gen/bd
   { printf "\\x0$1"; head -c 65536 "$corpus/$2"; } >"fuzz/corpus/fuzz_tschain/$(basename "$2")"
 done
 
+# The PGS path: the head of an M2TS with PGS packets, then the control bytes (a seam halfway, the
+# subtitle PID 0x1200, pieces of 193 bytes).
+rm -rf fuzz/corpus/fuzz_pgs
+mkdir -p fuzz/corpus/fuzz_pgs
+for file in gen/bd_h264_pgs.m2ts public/m2ts/Test_H264_DTS1.m2ts; do
+  [ -f "$corpus/$file" ] || continue
+  { head -c "$limit" "$corpus/$file"; printf '\x80\x00\x03'; } \
+    >"fuzz/corpus/fuzz_pgs/$(echo "$file" | tr '/' '_')"
+done
+
 # Command lines, arguments separated by NUL bytes as argv holds them.
 rm -rf fuzz/corpus/fuzz_cmdline
 mkdir -p fuzz/corpus/fuzz_cmdline

@@ -19,6 +19,7 @@
 #include "run/runtracks.h"
 #include "run/selftest.h"
 #include "run/titles.h"
+#include "video/h265reader.h"
 
 namespace fs = std::filesystem;
 
@@ -238,7 +239,9 @@ bool TMainRun::BuildDemuxActions(bool check) {
     TTrackRef ref = FindTrack(info, number);
     std::string base = stem + " - " + std::to_string(number) + " - ";
     if (ref.kind == TTrackKind::Video) {
-      if (ref.index > 0) continue;
+      // Of further video tracks only a Dolby Vision enhancement layer belongs to the title.
+      auto layer = Query<IDolbyVisionLayer>(ref.entry.details);
+      if (ref.index > 0 && !(layer && layer->IsEnhancementLayer())) continue;
       std::string tag = info.container ? ref.entry.details->VideoDetails()->Format()
                                        : info.videoDetails->Format();
       std::string ext = tag == "mpeg2" ? "m2v" : tag;

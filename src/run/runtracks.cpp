@@ -18,6 +18,7 @@
 #include "run/naming.h"
 #include "ac3/gaptracker.h"
 #include "pcm/stripto16bit.h"
+#include "ts/pgsreader.h"
 #include "ts/tsdemuxhead.h"
 #include "video/h264muxer.h"
 #include "video/mpeg2muxer.h"
@@ -48,7 +49,9 @@ UpStreamRef MakeContainerHead(const std::string& tag, const TTrackRef& track,
     request.trackNumber = action.track;
     request.ignoreDiscontinuity = options.ignoreDiscontinuity;
     request.isVideo = track.kind == TTrackKind::Video;
-    if (!request.isVideo && track.entry.details)
+    request.isSubtitle = track.kind == TTrackKind::Subtitle;
+    if (auto timing = Query<IPgsTiming>(track.entry.details)) request.timeOrigin = timing->TimeOrigin();
+    if (track.kind == TTrackKind::Audio && track.entry.details)
       request.audioFormat = track.entry.details->AudioDetails()->Format();
     request.check = IsCheckDestination(action.dest);
     ReadPcmGapFile(action, request.gapFileName, request.gapData);
@@ -256,7 +259,8 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
     if (!info.container) {
       head = TPassThrough::Create();
     } else if (ref.kind == TTrackKind::Subtitle &&
-               (containerTag == "ts" || containerTag == "m2ts")) {
+               (containerTag == "ts" || containerTag == "m2ts") &&
+               ref.entry.details->SubtitleDetails()->Format() != "sup") {
       source->Log(2, "TS/M2TS subtitles are not supported yet.");
       return false;
     } else {
@@ -305,8 +309,9 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
           !head->AppendUpStream(TDestFile::Create(action.dest)))
         return false;
       videoReaders.push_back({action.track, readers.head});
-    } else if (containerTag == "evo" || containerTag == "vob") {
-      // The EVO head ends in the subtitle reader, which makes the SUP stream.
+    } else if (containerTag == "evo" || containerTag == "vob" || containerTag == "ts" ||
+               containerTag == "m2ts") {
+      // The EVO and TS heads end in the subtitle reader, which makes the SUP stream.
       if (!head->AppendUpStream(TDestFile::Create(action.dest))) return false;
     } else {
       head->Log(2, "This subtitle conversion is not supported.");

@@ -139,7 +139,7 @@ bool TTsDemuxer::HandlePacket(const uint8_t* packet) {
   if (p >= packetSize) return Damaged("adaptation field too big");
   if (currentPid == 0) return HandlePat(packet, p, unitStart);
   if (entry.Kind == 1) return HandlePmt(entry, packet, p, unitStart);
-  if (entry.Kind == 2 || entry.Kind == 3) {
+  if (entry.Kind >= 2) {
     if (unitStart) entry.Started = true;
     if (entry.Started) Deliver(currentPid, packet + p, packetSize - p, unitStart);
   }
@@ -229,41 +229,41 @@ bool TTsDemuxer::ParseStreams(TsPidEntry& entry) {
 
 bool TTsDemuxer::Classify(uint32_t pid, uint8_t type, const std::string& reg,
                           bool noDescriptors) {
+  static constexpr const char* kKindNames[] = {"", "PMT", "video", "audio", "subtitle"};
   TsStreamClass found = ClassifyTsStream(type, reg, false, noDescriptors);
   if (found.kind == TsClass::None) return true;
-  bool isVideo = found.kind == TsClass::Video;
-  uint8_t kind = isVideo ? 2 : 3;
+  uint8_t kind = found.kind == TsClass::Video ? 2 : found.kind == TsClass::Audio ? 3 : 4;
   TsPidEntry& entry = pids[pid];
   std::string prefix = "The program type (" + std::to_string(pid) + ") changes from ";
   if (entry.Kind == 0) {
     entry.Kind = kind;
     entry.StreamType = type;
-    if (*found.tag) Announce(isVideo, pid, found.tag);
+    if (*found.tag) Announce(kind, pid, found.tag);
   } else if (entry.Kind == kind) {
     if (entry.StreamType != type) {
       Log(2, prefix + HexByteText(entry.StreamType) + " to " + HexByteText(type) + ".");
       valid = false;
     }
   } else {
-    Log(2, prefix + (entry.Kind == 1 ? "PMT" : isVideo ? "audio" : "video") + " to " +
-               (isVideo ? "video" : "audio") + ".",
-        true);
+    Log(2, prefix + kKindNames[entry.Kind] + " to " + kKindNames[kind] + ".", true);
     valid = false;
   }
   return valid;
 }
 
-void TTsDemuxer::Announce(bool isVideo, uint32_t pid, const std::string& tag) {
+void TTsDemuxer::Announce(uint8_t kind, uint32_t pid, const std::string& tag) {
   if (pid != Pid) return;
+  const char* name = kind == 2 ? "video" : kind == 3 ? "audio" : "subtitle";
   if (!messageDone) {
     messageDone = true;
-    Log(0, std::string("Extracting ") + (isVideo ? "video" : "audio") + " track number " +
-               std::to_string(TrackNumber) + "...");
+    Log(0, std::string("Extracting ") + name + " track number " + std::to_string(TrackNumber) +
+               "...");
   }
   if (!formatDone) {
     formatDone = true;
-    valid = isVideo ? NotifyVideo(tag, false, false, 0, 0, 0, 0, 0, 0, "")
-                    : NotifyAudio(tag, 0, 0, 0, false, 0);
+    valid = kind == 2   ? NotifyVideo(tag, false, false, 0, 0, 0, 0, 0, 0, "")
+            : kind == 3 ? NotifyAudio(tag, 0, 0, 0, false, 0)
+                        : NotifySubtitle(tag);
   }
 }
 

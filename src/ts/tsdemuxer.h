@@ -27,7 +27,7 @@ public:
 
 private:
   struct TsPidEntry {
-    uint8_t Kind = 0;  // 0 unknown, 1 PMT, 2 video, 3 audio
+    uint8_t Kind = 0;  // 0 unknown, 1 PMT, 2 video, 3 audio, 4 subtitle
     uint8_t StreamType = 0;
     std::unique_ptr<uint8_t[]> Section;
     uint16_t SectionLeft = 0;
@@ -44,7 +44,7 @@ private:
   bool HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, bool unitStart);
   bool ParseStreams(TsPidEntry& entry);
   bool Classify(uint32_t pid, uint8_t type, const std::string& reg, bool noDescriptors = false);
-  void Announce(bool isVideo, uint32_t pid, const std::string& tag);
+  void Announce(uint8_t kind, uint32_t pid, const std::string& tag);  // kind 2 video, 3 audio, 4 subtitle
   void Deliver(uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart);
 
   const uint32_t Pid;

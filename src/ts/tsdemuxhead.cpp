@@ -3,6 +3,7 @@
 
 #include "pcm/timestampfixer.h"
 #include "ts/pesparser.h"
+#include "ts/pgsreader.h"
 #include "ts/tsdemuxer.h"
 #include "ts/tspcmreader.h"
 
@@ -11,6 +12,10 @@ namespace sonvex {
 UpStreamRef BuildTsDemuxHead(const TTsHeadRequest& request) {
   auto head = TTsDemuxer::Create(uint32_t(request.pid), uint32_t(request.trackNumber),
                                  request.ignoreDiscontinuity);
+  if (request.isSubtitle) {
+    head->SetUpStream(TPgsReader::Create(request.timeOrigin));
+    return head;
+  }
   head->SetUpStream(TPesParser::Create(false));
   if (request.isVideo) return head;
   const std::string& format = request.audioFormat;

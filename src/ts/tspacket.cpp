@@ -35,6 +35,8 @@ constexpr TsTypeEntry kTsTypes[] = {
     {0x86, TsClass::Audio, "dts", ", DTS Master Audio"},
     {0xA1, TsClass::Audio, "ac3", ", secondary E-AC3"},
     {0xA2, TsClass::Audio, "dts", ", secondary DTS"},
+    {0x90, TsClass::Subtitle, "pgs", ", PGS"},
+    {0x92, TsClass::Subtitle, "textst", ", text subtitles"},
 };
 
 }  // namespace
@@ -125,6 +127,35 @@ TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpe
   for (const TsTypeEntry& entry : kTsTypes)
     if (entry.type == type) return {entry.kind, entry.tag, entry.text};
   return {};
+}
+
+void ReadTsEntryFacts(uint8_t tag, const uint8_t* body, uint32_t length, TsEntryFacts& facts) {
+  if (tag == 0x0A && length >= 3) {
+    facts.language.clear();
+    for (uint32_t i = 0; i < 3; i++)
+      if (body[i] >= 'a' && body[i] <= 'z') facts.language += char(body[i]);
+      else if (body[i] >= 'A' && body[i] <= 'Z') facts.language += char(body[i] - 'A' + 'a');
+    if (facts.language.size() != 3) facts.language.clear();
+  } else if (tag == 0xB0 && length >= 4) {
+    // dv_version_major, dv_version_minor, then dv_profile(7) dv_level(6) rpu_present_flag(1)
+    // el_present_flag(1) bl_present_flag(1).
+    bool elPresent = body[3] & 0x02, blPresent = body[3] & 0x01;
+    facts.dolbyVisionDescriptor = true;
+    facts.dolbyVisionEnhancement = elPresent && !blPresent;
+  }
+}
+
+bool TsEntryFacts::EnhancementLayer(uint8_t type, uint32_t pid) const {
+  if (type != 0x24) return false;
+  return dolbyVisionDescriptor ? dolbyVisionEnhancement : pid == kDolbyVisionElPid;
+}
+
+int64_t PesHeaderPts(const uint8_t* payload, uint32_t size) {
+  if (size < 14 || payload[0] != 0 || payload[1] != 0 || payload[2] != 1) return -1;
+  if (!(payload[7] & 0x80)) return -1;
+  const uint8_t* p = payload + 9;
+  return int64_t(p[0] & 0x0E) << 29 | int64_t(p[1]) << 22 | int64_t(p[2] & 0xFE) << 14 |
+         int64_t(p[3]) << 7 | int64_t(p[4] >> 1);
 }
 
 std::string HexByteText(uint8_t value) {

@@ -30,7 +30,7 @@ uint8_t ApplyTsDescriptor(uint8_t type, uint8_t tag, const uint8_t* body, uint32
 // each stream; some muxers put it only on the program, where it stands for all its streams.
 bool HasHdmvRegistration(const uint8_t* descriptors, uint32_t length);
 
-enum class TsClass { None, Video, Audio };
+enum class TsClass { None, Video, Audio, Subtitle };
 
 struct TsStreamClass {
   TsClass kind = TsClass::None;
@@ -38,8 +38,8 @@ struct TsStreamClass {
   const char* text = "";  // listing text
 };
 
-// Video: types 1, 2, 0x1B, 0xEA, and 0x80 without the "HDMV" registration. Audio: 3, 4, 0x0F,
-// 0x11, 0x80..0x87, 0xA1, 0xA2. `aacMpeg2IsAudio` is false in the demuxer, which leaves 0x0F alone.
+// Video: types 1, 2, 0x1B, 0x24, 0xEA, and 0x80 without the "HDMV" registration. Audio: 3, 4,
+// 0x0F, 0x11, 0x80..0x87, 0xA1, 0xA2. Subtitles: 0x90 (PGS, "pgs") and 0x92 (text, "textst"). `aacMpeg2IsAudio` is false in the demuxer, which leaves 0x0F alone.
 // A private stream (type 6) with no descriptor at all is audio whose kind its payload tells
 // (tag "?"), as other muxers write DTS and AC-3 without registration.
 TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpeg2IsAudio,
@@ -48,6 +48,25 @@ TsStreamClass ClassifyTsStream(uint8_t type, const std::string& reg, bool aacMpe
 // The reader tag for the payload of a private stream's PES packet (from its start code on):
 // "dts" for a DTS core or DTS-HD substream sync, "ac3" for an (E-)AC-3 sync; empty otherwise.
 std::string TsPayloadTag(const uint8_t* pes, uint32_t size);
+
+// Facts of a PMT stream entry's descriptors beside the type: the ISO 639 language (descriptor
+// 0x0A) and whether a Dolby Vision descriptor (0xB0) says the stream carries no base layer,
+// which makes it the enhancement layer of a dual-layer title.
+struct TsEntryFacts {
+  std::string language;
+  bool dolbyVisionDescriptor = false;
+  bool dolbyVisionEnhancement = false;
+  // A second HEVC stream is the enhancement layer by its descriptor, or without one by its PID.
+  bool EnhancementLayer(uint8_t type, uint32_t pid) const;
+};
+void ReadTsEntryFacts(uint8_t tag, const uint8_t* body, uint32_t length, TsEntryFacts& facts);
+
+// Blu-ray puts the Dolby Vision enhancement layer of a dual-layer title on this PID.
+constexpr uint32_t kDolbyVisionElPid = 0x1015;
+
+// The first PTS of a PES packet that starts in `payload` (the packet's payload from its start
+// code on), as the full 33-bit value; -1 if the header holds none or is cut off.
+int64_t PesHeaderPts(const uint8_t* payload, uint32_t size);
 
 // "$" and two upper-case hexadecimal digits.
 std::string HexByteText(uint8_t value);

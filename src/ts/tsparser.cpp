@@ -8,6 +8,7 @@
 #include "framework/smallstages.h"
 #include "ts/tspacket.h"
 #include "ts/tsreaders.h"
+#include "video/h265reader.h"
 
 namespace sonvex {
 
@@ -50,10 +51,12 @@ bool TTsParser::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_
   const uint8_t* buffer = BufferData(0);
   uint32_t fill = BufferFill(0), offset = 0;
   while (valid && fill - offset >= packetSize) {
+    packetPosition = bytesDone + offset;
     HandlePacket(buffer + offset);
     offset += packetSize;
   }
   RemoveData(0, offset);
+  bytesDone += offset;
   if (!valid) container.containerValid = false;
   return valid;
 }
@@ -79,11 +82,43 @@ bool TTsParser::HandlePacket(const uint8_t* packet) {
   if (currentPid == 0) return HandlePat(packet, p, unitStart);
   TsPidEntry& entry = pids[currentPid];
   if (entry.Kind == 1) return HandlePmt(entry, packet, p, unitStart);
-  if (entry.Kind == 2 || entry.Kind == 3) {
+  if (entry.Kind >= 2) {
     if (unitStart) entry.Started = true;
-    if (entry.Started) FeedPes(entry.Kind == 2, currentPid, packet + p, packetSize - p, unitStart);
+    if (unitStart && entry.FirstPts == -1) NoteFirstPts(entry, packet + p, packetSize - p);
+    if (entry.Started && entry.Kind != 4)
+      FeedPes(entry.Kind == 2, currentPid, packet + p, packetSize - p, unitStart);
   }
   return true;
+}
+
+// The time origin of a subtitle track is where a player's reading of the file puts time 0 for
+// it: the track's own first PTS when the probing at the start of the file meets it (within
+// kProbeBytes and kProbeTicks of the file's start), else the file's start. The file starts at the
+// earliest first PTS of its audio and video streams; a subtitle stream's counts only where no
+// audio or video has one, or where it starts less than a second ahead of them.
+void TTsParser::NoteFirstPts(TsPidEntry& entry, const uint8_t* payload, uint32_t size) {
+  entry.FirstPts = PesHeaderPts(payload, size);
+  entry.FirstPosition = packetPosition;
+  if (entry.FirstPts != -1) UpdateTimeOrigin();
+}
+
+void TTsParser::UpdateTimeOrigin() {
+  static constexpr int64_t kProbeBytes = 5000000, kProbeTicks = 5 * 90000;
+  if (subtitleReaders.empty()) return;
+  int64_t media = -1, text = -1;
+  for (const TsPidEntry& stream : pids) {
+    if (stream.FirstPts == -1) continue;
+    int64_t& low = stream.Kind == 4 ? text : media;
+    if (low == -1 || stream.FirstPts < low) low = stream.FirstPts;
+  }
+  int64_t start = media;
+  if (media == -1 || (text != -1 && media > text && media - text < 90000)) start = text;
+  for (const auto& [pid, reader] : subtitleReaders) {
+    const TsPidEntry& own = pids[pid];
+    bool probed = own.FirstPts != -1 && own.FirstPosition < kProbeBytes &&
+                  own.FirstPts - start < kProbeTicks;
+    reader->SetTimeOrigin(probed ? own.FirstPts : start);
+  }
 }
 
 // Every program of the PAT is taken: each PMT PID is marked.
@@ -165,8 +200,10 @@ bool TTsParser::ParseStreams(TsPidEntry& entry) {
     if (fill < esLength) break;
     const bool noDescriptors = esLength == 0;
     std::string reg;
+    TsEntryFacts facts;
     while (esLength > 2 && uint32_t(s[i + 1]) + 2 <= esLength) {
       uint32_t length = s[i + 1];
+      ReadTsEntryFacts(s[i], s + i + 2, length, facts);
       type = ApplyTsDescriptor(type, s[i], s + i + 2, length, reg, listing ? &text : nullptr);
       i += length + 2;
       esLength -= length + 2;
@@ -175,25 +212,28 @@ bool TTsParser::ParseStreams(TsPidEntry& entry) {
     i += esLength;
     fill -= esLength;
     if (reg.empty() && entry.ProgramHdmv) reg = "HDMV";
-    Classify(pid, type, reg, listing ? &text : nullptr, noDescriptors);
+    Classify(pid, type, reg, listing ? &text : nullptr, noDescriptors, facts);
     if (listing) Log(0, text, true);
   }
   return valid;
 }
 
 bool TTsParser::Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text,
-                         bool noDescriptors) {
+                         bool noDescriptors, const TsEntryFacts& facts) {
+  static constexpr const char* kKindNames[] = {"", "PMT", "video", "audio", "subtitle"};
   TsStreamClass found = ClassifyTsStream(type, reg, true, noDescriptors);
   if (found.kind == TsClass::None) return true;
   bool isVideo = found.kind == TsClass::Video;
-  const char* kindName = isVideo ? "video" : "audio";
-  uint8_t kind = isVideo ? 2 : 3;
+  uint8_t kind = isVideo ? 2 : found.kind == TsClass::Audio ? 3 : 4;
   TsPidEntry& entry = pids[pid];
   std::string prefix = "The program type (" + std::to_string(pid) + ") changes from ";
   if (entry.Kind == 0) {
     entry.Kind = kind;
     entry.StreamType = type;
-    if (*found.tag) AddTrack(isVideo, pid, found.tag, "");
+    if (kind == 4)
+      AddSubtitle(pid, found.tag, facts.language);
+    else if (*found.tag)
+      AddTrack(isVideo, pid, found.tag, "", facts.EnhancementLayer(type, pid));
   } else if (entry.Kind == kind) {
     if (entry.StreamType != type) {
       Log(2, prefix + HexByteText(entry.StreamType) + " to " + HexByteText(type) + ".");
@@ -201,8 +241,7 @@ bool TTsParser::Classify(uint32_t pid, uint8_t type, const std::string& reg, std
       return false;
     }
   } else {
-    Log(2, prefix + (entry.Kind == 1 ? "PMT" : isVideo ? "audio" : "video") + " to " + kindName + ".",
-        true);
+    Log(2, prefix + kKindNames[entry.Kind] + " to " + kKindNames[kind] + ".", true);
     valid = false;
     return false;
   }
@@ -212,13 +251,14 @@ bool TTsParser::Classify(uint32_t pid, uint8_t type, const std::string& reg, std
 
 // The private chain of one track: TPesParser (raw time stamps), the reader, TFileSimulator.
 void TTsParser::AddTrack(bool isVideo, uint32_t pid, const std::string& tag,
-                         const std::string& description) {
+                         const std::string& description, bool dolbyVisionEl) {
   for (const TsTrack& track : tracks)
     if (track.IsVideo == isVideo && track.Pid == pid) return;
   TsTrack track;
   track.IsVideo = isVideo;
   track.Pid = pid;
   track.Description = description;
+  track.DolbyVisionEl = dolbyVisionEl;
   track.ByPayload = tag == "?";
   if (!track.ByPayload) MakeChain(track, tag);
   tracks.push_back(std::move(track));
@@ -230,6 +270,8 @@ void TTsParser::MakeChain(TsTrack& track, const std::string& tag) {
     Log(2, "The Ts found an unexpected audio/video format (" + tag + ").");
     return;
   }
+  if (track.DolbyVisionEl)
+    if (auto hevc = std::dynamic_pointer_cast<Th265Reader>(reader)) hevc->SetEnhancementLayer(true);
   track.Chain = TPesParser::Create(true);
   track.Chain->SetUpStream(reader);
   reader->SetUpStream(TFileSimulator::Create());
@@ -238,6 +280,18 @@ void TTsParser::MakeChain(TsTrack& track, const std::string& tag) {
     reader->InitVideo(tag, false, false, 0, 0, 0, 0, 0, 0, "");
   else
     reader->InitAudio(tag, 0, 0, 0, false, 0);
+}
+
+void TTsParser::AddSubtitle(uint32_t pid, const std::string& tag, const std::string& language) {
+  auto reader = TPgsReader::Create();
+  reader->SetUpStream(TFileSimulator::Create());
+  reader->SetSilent(true);
+  reader->InitSubtitle(tag);
+  reader->SubtitleDetails()->SetLanguage(language);
+  subtitleReaders.push_back({pid, reader});
+  UpdateTimeOrigin();
+  AnnounceContainer();
+  AddSubtitleTrack(int32_t(pid), reader, 0);
 }
 
 void TTsParser::AnnounceContainer() {

@@ -13,6 +13,8 @@
 
 #include "framework/upstream.h"
 #include "ts/pesparser.h"
+#include "ts/pgsreader.h"
+#include "ts/tspacket.h"
 
 namespace sonvex {
 
@@ -39,13 +41,15 @@ public:
 
 private:
   struct TsPidEntry {
-    uint8_t Kind = 0;  // 0 unknown, 1 PMT, 2 video, 3 audio
+    uint8_t Kind = 0;  // 0 unknown, 1 PMT, 2 video, 3 audio, 4 subtitle
     uint8_t StreamType = 0;
     std::unique_ptr<uint8_t[]> Section;
     uint16_t SectionLeft = 0;
     uint16_t SectionFill = 0;
     bool Started = false;
     bool ProgramHdmv = false;  // the program carries the "HDMV" registration
+    int64_t FirstPts = -1;     // 33-bit PTS of the stream's first PES packet that has one
+    int64_t FirstPosition = 0;  // where that packet lies in the source
   };
   struct TsTrack {
     bool IsVideo = false;
@@ -55,6 +59,7 @@ private:
     int64_t FirstPts = -1;
     std::string Description;
     bool ByPayload = false;  // a private stream: the chain waits for a payload that tells
+    bool DolbyVisionEl = false;  // the enhancement layer of a dual-layer Dolby Vision title
   };
 
   bool Damaged(const std::string& what);
@@ -63,10 +68,16 @@ private:
   bool HandlePmt(TsPidEntry& entry, const uint8_t* packet, uint32_t p, bool unitStart);
   bool ParseStreams(TsPidEntry& entry);
   bool Classify(uint32_t pid, uint8_t type, const std::string& reg, std::string* text,
-                bool noDescriptors = false);
+                bool noDescriptors = false, const TsEntryFacts& facts = {});
   // Builds the private chain of a track for the reader of `tag`.
   void MakeChain(TsTrack& track, const std::string& tag);
-  void AddTrack(bool isVideo, uint32_t pid, const std::string& tag, const std::string& description);
+  void AddTrack(bool isVideo, uint32_t pid, const std::string& tag, const std::string& description,
+                bool dolbyVisionEl = false);
+  // A subtitle track is listed from the PMT alone, with the language the PMT gives.
+  void AddSubtitle(uint32_t pid, const std::string& tag, const std::string& language);
+  // Notes the first PTS of a stream and hands the time origin on to the subtitle tracks.
+  void NoteFirstPts(TsPidEntry& entry, const uint8_t* payload, uint32_t size);
+  void UpdateTimeOrigin();
   void FeedPes(bool isVideo, uint32_t pid, const uint8_t* data, uint32_t size, bool unitStart);
   void AnnounceContainer();
 
@@ -86,6 +97,9 @@ private:
   int32_t patFill = 0;
   std::array<uint8_t, 1024> pat{};
   std::vector<uint32_t> seenPids;
+  std::vector<std::pair<uint32_t, std::shared_ptr<TPgsReader>>> subtitleReaders;  // by PID
+  int64_t bytesDone = 0;       // source bytes taken from buffer 0 so far
+  int64_t packetPosition = 0;  // source position of the packet being handled
 };
 
 }  // namespace sonvex

@@ -16,7 +16,14 @@
 
 namespace sonvex {
 
-class Th265Reader : public TUpStream, public IInitialDelay {
+// Whether a video track is the Dolby Vision enhancement layer of a dual-layer title.
+class IDolbyVisionLayer {
+public:
+  virtual ~IDolbyVisionLayer() = default;
+  virtual bool IsEnhancementLayer() const = 0;
+};
+
+class Th265Reader : public TUpStream, public IInitialDelay, public IDolbyVisionLayer {
 public:
   // With no arguments: a reader for format detection (no gaps, no rate changes).
   // to25: -speedup; to24: -slowdown.
@@ -45,6 +52,7 @@ public:
   std::string Extras() const;
   // Marks the stream as the Dolby Vision enhancement layer of a dual-layer title.
   void SetEnhancementLayer(bool value) { EnhancementLayer = value; }
+  bool IsEnhancementLayer() const override { return EnhancementLayer; }
 
 private:
   bool HandleUnit(const uint8_t* unit, uint32_t size, int64_t offset);
