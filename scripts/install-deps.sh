@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config ccache clang
           libavcodec-dev libavformat-dev libavutil-dev libflac-dev libsoxr-dev libgtest-dev
-          ffmpeg flac sox
+          ffmpeg flac sox python3-jsonschema groff
           libbluray-bin)  # bd_list_titles: an oracle of the disc tests and bench only
 missing=()
 for p in "${packages[@]}"; do
