@@ -34,9 +34,9 @@ if [ ! -s "$raw" ]; then
     -af "pan=stereo|FL=c0|FR=0.8*c0" -f s16le "$raw"
 fi
 
-measure() { # runs "$@" three times: best wall and CPU seconds, then peak KiB and switches
+measure() { # runs "$@" $RUNS times (3): best wall and CPU seconds, then peak KiB and switches
   best=""; bestCpu=""
-  for run in 1 2 3; do
+  for run in $(seq "${RUNS:-3}"); do
     rm -f "$work"/out.*
     /usr/bin/time -f "%e %U %S %M %c %w" -o "$work/time.txt" "$@" >/dev/null 2>&1
     read -r t u s m ci cv < "$work/time.txt"
@@ -63,6 +63,6 @@ ours=$(measure "$sonvex" "$wav71" out.wav -down2)
 theirs=$(measure ffmpeg -nostdin -loglevel error -y -i "$wav71" -ac 2 -c:a pcm_s24le out.ff.wav)
 report "WAV 7.1 -down2 -> stereo WAV" "$ours" "$theirs"
 
-set -- $(measure "$sonvex" "$raw")
+set -- $(RUNS=1 measure "$sonvex" "$raw")
 printf "Raw analysis of %s MB: %ss (cpu %ss, %s KiB, %s switches)\n" \
   "$(($(stat -c %s "$raw") / 1000000))" "$1" "$2" "$3" "$4"

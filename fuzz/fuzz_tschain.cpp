@@ -32,7 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fwrite(data + 1, 1, size - 1, out);
   std::fclose(out);
 
-  std::vector<std::string> arguments = {"sonvex", file};
+  // The log copy goes into the scratch folder, not beside the destination.
+  std::vector<std::string> arguments = {"sonvex", file, "-log=" + folder + "/run - Log.txt"};
   if (mode & 2) {
     arguments.push_back(std::to_string(1 + (mode >> 2) % 8) + ":");
     arguments.push_back("%check%.wav");

@@ -16,14 +16,22 @@ seeds=(
   "fuzz_dtsexsub: public/dts/xll_51_24_48_768.dts public/dts/xbr_51_24_48_3840.dts"
   "fuzz_flacdecoder: gen/flac_20_16.flac gen/flac_51_24.flac"
   "fuzz_h264reader: gen/h264_1080p24.h264"
+  "fuzz_h265reader: gen/uhd_hdr10_2160p24.hevc"
   "fuzz_mp2reader: gen/mp2_20_224k.mp2"
   "fuzz_mpeg2reader: gen/mpeg2_576i25.m2v gen/mpeg2_480p24_pulldown.m2v"
   "fuzz_pesparser: gen/bd_h264_multi.m2ts"
   "fuzz_sourceprobe: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts public/vob/*.vob gen/evo/*.evo"
   "fuzz_thdreader: gen/truehd_20_48k.thd gen/mlp_20_48k.mlp public/truehd/dts1_truehd_ac3_interleaved.thdac3"
   "fuzz_tsdemuxer: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts"
-  "fuzz_tsparser: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts gen/bd_lpcm_variants.m2ts"
+  "fuzz_tsparser: gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts gen/bd_lpcm_variants.m2ts gen/bd_uhd_hevc_ac3.m2ts"
   "fuzz_wavreader: gen/wav_20_16.wav gen/wav_51_24.wav"
+  "fuzz_rawanalyzer: gen/pcm_s16le_20_48k.raw"
+  "fuzz_h264muxer: gen/h264_1080p24.h264"
+  "fuzz_mpeg2muxer: gen/mpeg2_576i25.m2v gen/mpeg2_480p24_pulldown.m2v"
+  "fuzz_mpls: gen/disc/bd-angles/BDMV/PLAYLIST/*.mpls gen/disc/bd-d3-join/BDMV/PLAYLIST/*.mpls"
+  "fuzz_clpi: gen/disc/bd-angles/BDMV/CLIPINF/*.clpi gen/disc/bd-d3-join/BDMV/CLIPINF/*.clpi"
+  "fuzz_xpl: gen/disc/hd-x001/ADV_OBJ/VPLST000.XPL gen/disc/hd-synth-dev/ADV_OBJ/VPLST000.XPL"
+  "fuzz_vti: gen/disc/hd-x001/HVDVD_TS/HVA00001.VTI gen/disc/hd-synth-dev/HDDVD_TS/HVA00001.VTI"
 )
 # The detector's first input byte picks block size and options; 0x80 is whole 16 KiB blocks.
 detector="gen/ac3_51_448k.ac3 gen/dts_51_768k.dts gen/truehd_51_48k.thd gen/mp2_20_224k.mp2
@@ -38,7 +46,8 @@ for row in "${seeds[@]}"; do
   for pattern in ${row#*:}; do
     for file in $corpus/$pattern; do
       [ -f "$file" ] || continue
-      head -c "$limit" "$file" >"fuzz/corpus/$target/$(basename "$file")"
+      name=$(echo "${file#$corpus/}" | tr '/' '_')
+      head -c "$limit" "$file" >"fuzz/corpus/$target/$name"
     done
   done
 done

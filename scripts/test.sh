@@ -7,6 +7,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs=$(nproc)
+# ccache, where present, shares compiled objects between checkouts that sit side by side.
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$(cd .. && pwd)}
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build -j "$jobs"

@@ -92,9 +92,10 @@ void TFlacDecoder::Run() {
       SetAudioDetails("flac", "FLAC", "", "", duration, channels, 0, bytesPerSample * 8,
                       sampleRate, 0, 0, 0, false);
       if (NotifyAudio("pcm", channels, bytesPerSample * 8, sampleRate, false,
-                      int64_t(totalSamples)))
+                      int64_t(totalSamples))) {
+        streaming = true;
         FLAC__stream_decoder_process_until_end_of_stream(decoder);
-      else
+      } else
         aborted = true;
     } else if (!finishing) {
       aborted = true;
@@ -212,7 +213,11 @@ bool TFlacDecoder::InitAudio(const std::string& format, uint32_t, uint32_t, uint
 bool TFlacDecoder::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64_t, bool) {
   if (valid && !finishing && !aborted && size != 0) {
     pending.insert(pending.end(), data, data + size);
-    if (pending.size() >= kHandOverBytes) HandOverInput();
+    // Until the metadata is through, each block is handed over and taken before Write returns,
+    // so that the format is known (format detection asks at once); then 1 MiB at a time.
+    const bool known = streaming;
+    if (!known || pending.size() >= kHandOverBytes) HandOverInput();
+    if (!known) HandOverInput();
   }
   return !aborted;
 }

@@ -57,6 +57,7 @@ private:
   bool handing = false;  // handed over, and the thread hasn't yet signalled inputUsed
   const uint8_t* input = nullptr;
   uint32_t inputSize = 0;
+  std::atomic<bool> streaming{false};  // the format is announced: the frames are decoding
   std::atomic<bool> finishing{false};
   std::atomic<bool> aborted{false};
   bool finalised = false;

@@ -75,10 +75,13 @@ void TLibavEncoder::Close() {
 }
 
 // The layout of the WAV mask if the encoder has it, with the surround pair read as side or back
-// as the encoder wants; without a usable mask, the usual layout of the channel count.
+// as the encoder wants; without a usable mask (none, or one of another channel count), the usual
+// layout of the channel count.
 bool TLibavEncoder::ChooseLayout(const AVCodec* codec, uint32_t count) {
   uint64_t mask = channelMask;
-  if (mask == 0 || uint32_t(__builtin_popcountll(mask)) != count) mask = DefaultChannelMask(count);
+  // One channel is mono, whichever speaker a file names for it.
+  if (mask == 0 || count == 1 || uint32_t(__builtin_popcountll(mask)) != count)
+    mask = DefaultChannelMask(count);
   for (uint64_t candidate :
        {mask, SwapPair(mask, kBackPair, kSidePair), SwapPair(mask, kSidePair, kBackPair)}) {
     if (CodecHasLayout(codec, candidate)) {

@@ -165,7 +165,8 @@ int64_t ParseXplTime(const std::string& text) {
   for (int i = 0; i < 4 && start <= text.size(); i++) {
     size_t colon = text.find(':', start);
     if (colon == std::string::npos) colon = text.size();
-    parts[i] = ToInt(text.substr(start, colon - start));
+    // A time field beyond any real title's is clamped, so that no product overflows.
+    parts[i] = std::clamp<int64_t>(ToInt(text.substr(start, colon - start)), -1000000, 1000000);
     start = colon + 1;
   }
   return parts[0] * 3600000 + parts[1] * 60000 + parts[2] * 1000 + parts[3] * 1000 / 60;

@@ -371,10 +371,8 @@ TDtsFrameInfo ParseDtsFrame(const uint8_t* data, uint32_t size, bool dump, bool 
         info.bitrate = 0;
       } else {
         info.formatName = "DTS Hi-Res";
-        // The rate of the whole frame, in 64 bits: the core's nominal rate scaled by the
-        // extension passes 2^32 in 32 bits, and the core's coded rate is only nominal.
-        info.bitrate = uint32_t(uint64_t(coreSize + info.extensionSize) * 8 *
-                                kCoreRates[rateCode] / info.samplesPerFrame);
+        // In 64 bits: the product passes 2^32 for High Resolution streams of 3 Mbit/s and more.
+        info.bitrate += uint32_t(uint64_t(info.bitrate) * info.extensionSize / coreSize);
       }
     }
   }

@@ -209,6 +209,12 @@ bool TDtsReader::Write(SenderId sender, bool isHeader, const uint8_t* data, uint
       }
       return FailNotClean();
     }
+    // A core that grew against the frame before and holds a whole good frame has a damaged
+    // size field that swallows the frames behind it.
+    if (framesChecked > 0 && coreSize > lastCoreSize &&
+        GoodFrameInside(buf, uint32_t(std::min<uint64_t>(coreSize, fill))))
+      return FailNotClean();
+    lastCoreSize = uint32_t(coreSize);
     framesChecked++;
     if (trackGaps && !pendingStamps.empty() && pendingStamps[0].offset <= 0) {
       if (sampleRate == 96000) sampleRate = 48000;

@@ -92,6 +92,7 @@ private:
   TDtsHdChunks chunks;
   // The stream has no core frames; or it opens with substreams and more data must tell.
   bool coreless = false;
+  uint32_t lastCoreSize = 0;  // core size of the frame before
   bool waitingForCore = false;
 };
 

@@ -15,6 +15,7 @@
 #include "thd/thdreader.h"
 #include "ts/tsparser.h"
 #include "video/h264reader.h"
+#include "video/h265reader.h"
 #include "video/mpeg2reader.h"
 #include "video/vc1reader.h"
 
@@ -84,6 +85,11 @@ UpStreamRef MakeMpeg2ReaderCandidate(TCandidateContext& context) {
 // Slot 11: Th264Reader.
 UpStreamRef MakeH264ReaderCandidate(TCandidateContext& context) {
   return Th264Reader::Create();
+}
+
+// Slot 12: Th265Reader.
+UpStreamRef MakeH265ReaderCandidate(TCandidateContext& context) {
+  return Th265Reader::Create();
 }
 
 }  // namespace sonvex

@@ -36,6 +36,7 @@ UpStreamRef MakeFlacDecoderCandidate(TCandidateContext& context);
 UpStreamRef MakeVc1ReaderCandidate(TCandidateContext& context);
 UpStreamRef MakeMpeg2ReaderCandidate(TCandidateContext& context);
 UpStreamRef MakeH264ReaderCandidate(TCandidateContext& context);
+UpStreamRef MakeH265ReaderCandidate(TCandidateContext& context);
 
 // The order is the detector's tie-break: container parsers first, then audio, then video.
 inline constexpr TCandidateSlot kCandidateSlots[] = {
@@ -51,12 +52,13 @@ inline constexpr TCandidateSlot kCandidateSlots[] = {
     {9, "TVc1Reader", &MakeVc1ReaderCandidate},
     {10, "TMpeg2Reader", &MakeMpeg2ReaderCandidate},
     {11, "Th264Reader", &MakeH264ReaderCandidate},
+    {12, "Th265Reader", &MakeH265ReaderCandidate},
 };
 inline constexpr uint32_t kCandidateCount = sizeof(kCandidateSlots) / sizeof(kCandidateSlots[0]);
 // The slot whose chain holds the DTS reader that tells "dtswav" apart from "wav".
 inline constexpr uint32_t kDtsWavSlot = 7;
 
-static_assert(kCandidateCount == 12);
+static_assert(kCandidateCount == 13);
 static_assert([] {
   for (uint32_t i = 0; i < kCandidateCount; i++)
     if (kCandidateSlots[i].index != i) return false;

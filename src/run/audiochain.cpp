@@ -82,6 +82,7 @@ constexpr TDestinationRule kAudioDestinationRules[] = {
 constexpr TDestinationRule kVideoDestinationRules[] = {
     {".m2v|.mpeg2", "mpeg2"},
     {".h264", "h264"},
+    {".h265|.hevc", "h265"},
     {".vc1", "vc1"},
 };
 

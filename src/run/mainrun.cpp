@@ -343,7 +343,7 @@ bool TMainRun::AssignTracks() {
     if (action.track != 0) continue;
     std::string ext = FileExtension(action.dest);
     int32_t track = 0;
-    if (ExtensionIn(ext, ".m2v|.mpeg2|.h264|.vc1|.mpv|.mkv")) {
+    if (ExtensionIn(ext, ".m2v|.mpeg2|.h264|.h265|.hevc|.vc1|.mpv|.mkv")) {
       if (c.VideoCount() == 0) {
         WriteLine(2, "The source file doesn't contain any valid video tracks.");
         return false;

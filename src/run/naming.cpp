@@ -79,6 +79,7 @@ std::string DemuxVideoText(const std::string& description) {
   std::string text = description;
   ReplaceAll(text, "\"", "'");
   ReplaceAll(text, "h264/AVC", "h264");
+  ReplaceAll(text, "h265/HEVC", "h265");
   CutAt(text, " (");
   CutAt(text, " /");
   ReplaceAll(text, "/", "-");

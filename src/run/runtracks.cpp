@@ -326,13 +326,14 @@ bool RunTracks(TOptions& options, const TSourceInfo& info, TPassResult& result) 
   int32_t videoCount = info.container ? info.container->VideoCount()
                                       : (info.videoDetails && info.videoDetails->IsValid() ? 1 : 0);
   for (int32_t v = 0; v < videoCount; v++) {
+    const int32_t number = info.trackBase + 1 + v;
     auto read = std::find_if(videoReaders.begin(), videoReaders.end(),
-                             [&](const auto& entry) { return entry.first == info.trackBase + 1 + v; });
+                             [&](const auto& entry) { return entry.first == number; });
     if (read != videoReaders.end()) {
       sides.push_back({v, read->second});
       continue;
     }
-    TTrackRef ref = FindTrack(info, info.trackBase + 1 + v);
+    TTrackRef ref = FindTrack(info, number);
     auto details = trackVideo(ref);
     UpStreamRef head = info.container ? MakeContainerHead(containerTag, ref, options, TAction{})
                                       : UpStreamRef(TPassThrough::Create());

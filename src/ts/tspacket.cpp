@@ -19,6 +19,7 @@ constexpr TsTypeEntry kTsTypes[] = {
     {0x01, TsClass::Video, "mpeg2", ", MPEG2"},
     {0x02, TsClass::Video, "mpeg2", ", MPEG2"},
     {0x1B, TsClass::Video, "h264", ", h264/AVC"},
+    {0x24, TsClass::Video, "h265", ", h265/HEVC"},
     {0xEA, TsClass::Video, "vc1", ", VC-1"},
     {0x03, TsClass::Audio, "mp2", ", MP2 (MPEG-1 Audio Layer II)"},
     {0x04, TsClass::Audio, "mp2", ", MP2 (MPEG-2 Audio Layer II)"},

@@ -13,7 +13,7 @@
 namespace sonvex {
 
 UpStreamRef CreateTsTrackReader(const std::string& tag, bool dtsOption) {
-  if (tag == "vc1" || tag == "h264" || tag == "mpeg2") return CreateFrameCounter(tag);
+  if (tag == "vc1" || tag == "h264" || tag == "h265" || tag == "mpeg2") return CreateFrameCounter(tag);
   if (tag == "mp2") return TMp2Reader::Create("", "", false);
   if (tag == "ac3") return TAc3Reader::Create("", "", false);
   if (tag == "dts") return TDtsReader::Create("", "", false, dtsOption, false);

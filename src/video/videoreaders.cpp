@@ -2,6 +2,7 @@
 #include "video/videoreaders.h"
 
 #include "video/h264reader.h"
+#include "video/h265reader.h"
 #include "video/mpeg2reader.h"
 #include "video/vc1pulldownremover.h"
 #include "video/vc1reader.h"
@@ -17,6 +18,9 @@ TVideoReaderChain BuildVideoReader(const std::string& codec, const TAction& acti
     // -30p, -60i and -keepPulldown keep a 24p film at 30p; -24p does the reverse.
     chain.head = Th264Reader::Create(gapFile, action.keepPulldown, action.force24p,
                                      action.speedup, action.slowdown, false, gapData);
+    chain.last = chain.head;
+  } else if (codec == "h265") {
+    chain.head = Th265Reader::Create(gapFile, action.speedup, action.slowdown, false, gapData);
     chain.last = chain.head;
   } else if (codec == "vc1") {
     chain.head = TVc1Reader::Create(gapFile, action.skipHeaders, action.speedup, action.slowdown,
@@ -39,6 +43,7 @@ TVideoReaderChain BuildVideoReader(const std::string& codec, const TAction& acti
 
 UpStreamRef CreateFrameCounter(const std::string& codec) {
   if (codec == "h264") return Th264Reader::Create();
+  if (codec == "h265") return Th265Reader::Create();
   if (codec == "vc1") return TVc1Reader::Create();
   if (codec == "mpeg2") return TMpeg2Reader::Create(true, false, false, false, false);
   return nullptr;

@@ -14,7 +14,7 @@ struct TVideoReaderChain {
   UpStreamRef last;  // where the destination goes: the reader or the stage behind it
 };
 
-// The reader of a video action for `codec` ("h264", "vc1", "mpeg2"). `pulldown` and
+// The reader of a video action for `codec` ("h264", "h265", "vc1", "mpeg2"). `pulldown` and
 // `interlaced` are what the analysis pass found for the track; `trackNumber` is what an MPEG-2
 // stream of mixed content puts in rerunTrack. `gapFile` is the ".gaps" name to write (empty:
 // none), `gapData` the content of an existing one. Outside Matroska a VC-1 reader gets a

@@ -108,7 +108,7 @@ TEST(Ac3Reader, ListingFactsMatchFfprobe) {
     std::string expected = std::string(eac3 ? "E-AC3" : "AC3") + ", " +
                            LayoutText(facts["channel_layout"]) + " channels, " +
                            HoursMinutesSeconds(uint32_t(seconds * 1000 + 0.5)) + ", " +
-                           std::to_string(std::stoul(facts["bit_rate"]) / 1000) + "kbit/s, 48khz";
+                           GroupThousands(std::stoul(facts["bit_rate"]) / 1000) + "kbit/s, 48khz";
     EXPECT_EQ(details->Description().substr(0, expected.size()), expected);
     // One frame per block; a cut last frame is left out, junk in front is dropped.
     size_t frames = std::stoul(facts["nb_read_packets"]);

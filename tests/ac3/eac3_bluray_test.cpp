@@ -75,6 +75,56 @@ TEST(Eac3Bluray, SevenOneCopiesAndGivesItsAc3Core) {
   EXPECT_EQ(Probe(dir / wav, "channels"), "8");
 }
 
+// The same 7.1 track in an M2TS (as ffmpeg muxes it): listed, and demuxed as ffmpeg copies it.
+TEST(Eac3Bluray, SevenOneInAnM2tsListsAndDemuxes) {
+  SKIP_WITHOUT_CORPUS();
+  SKIP_WITHOUT_TOOL("ffmpeg");
+  TempDir dir;
+  std::string source = CorpusDir() + kGreatWall;
+  ASSERT_EQ(RunCommand("ffmpeg -v error -y -i '" + source + "' -c copy -f mpegts -mpegts_m2ts_mode 1 '" +
+                       dir / "gw.m2ts" + "'"),
+            0);
+  RunResult r = RunSonvex({"gw.m2ts"}, dir.path());
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_TRUE(r.HasLine("1: E-AC3, 7.1 channels, 1,152kbit/s, 48khz")) << r.out;
+  r = RunSonvex({"gw.m2ts", "1:", "out.eac3", "-keepDialnorm"}, dir.path());
+  ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+  ASSERT_EQ(RunCommand("ffmpeg -v error -y -i '" + dir / "gw.m2ts" + "' -c copy -f eac3 '" +
+                       dir / "ff.eac3" + "'"),
+            0);
+  EXPECT_EQ(ReadBytes(dir / "out.eac3"), ReadBytes(dir / "ff.eac3"));
+}
+
+// Units behind an AC3 core: dependent frames and an independent E-AC3 frame (Atmos/JOC) all
+// belong to the unit; only the next AC3 frame opens a new one.
+TEST(Eac3Bluray, EverythingBehindTheCoreBelongsToTheUnit) {
+  const auto core = MakeAc3Frame({.frmsizecod = 30, .acmod = 7, .lfe = 1});
+  const auto rear = RearPairFrame();
+  const auto joc = MakeEac3Frame({.words = 256});
+  struct Case {
+    std::vector<uint8_t> unit;
+    const char* text;
+    uint32_t channels;
+  };
+  const Case cases[] = {
+      {Concat({core, rear}), "7.1", 8},
+      {Concat({core, rear, joc}), "7.1", 8},
+      {Concat({core, joc}), "5.1", 6},
+  };
+  for (const Case& c : cases) {
+    auto stream = Repeat(c.unit, 3);
+    TEac3UnitInfo info;
+    ASSERT_EQ(ParseEac3Unit(stream.data(), uint32_t(stream.size()), 0, info), kAc3Good);
+    EXPECT_TRUE(info.ac3Core);
+    EXPECT_EQ(info.unitSize, c.unit.size());
+    EXPECT_EQ(info.coreSize, core.size());
+    EXPECT_EQ(info.channelText, c.text);
+    EXPECT_EQ(info.channels, c.channels);
+    // 448 kbit/s of core, scaled by the unit's size.
+    EXPECT_EQ(info.bitrate, uint32_t(uint64_t(448000) * c.unit.size() / core.size()));
+  }
+}
+
 // Dialnorm removal patches the AC3 core and the dependent frame of every unit, with good CRCs.
 TEST(Eac3Bluray, DialnormRemovalPatchesEveryFrameOfTheUnit) {
   SKIP_WITHOUT_CORPUS();

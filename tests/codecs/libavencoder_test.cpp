@@ -133,21 +133,40 @@ TEST(LibavEncoders, RefusedFormats) {
   EXPECT_EQ(log.lines, std::vector<std::string>{"The AC3 encoder upstream property is not set."});
 }
 
-// A WAV mask the AC3 encoder has no layout for (two centres) is refused as a configuration.
-TEST(Ac3Encoder, MaskWithoutLayoutIsRefused) {
-  auto encoder = TAc3Encoder::Create(448);
-  encoder->SetChannelMask(0x3 | 0x100 | 0x4);  // FL FR FC BC
-  auto capture = TCapture::Create();
-  encoder->SetUpStream(capture);
-  EXPECT_TRUE(encoder->InitAudio("pcm", 4, 16, 48000, false, 0));  // 3/1 exists
-  auto other = TAc3Encoder::Create(448);
-  other->SetChannelMask(0x3 | 0x40 | 0x80);  // FL FR FLC FRC
-  other->SetUpStream(TCapture::Create());
-  LogLines log;
-  EXPECT_FALSE(other->InitAudio("pcm", 4, 16, 48000, false, 0));
-  const std::vector<std::string> expected = {
-      "Encoding AC3...", "The AC3 encoder didn't accept this channel configuration."};
-  EXPECT_EQ(log.lines, expected);
+// WAV masks: taken where the encoder has the layout (the surround pair as side or back, no mask
+// as the usual layout, one channel as mono), refused as a configuration where it has none.
+struct Mask {
+  bool dts;
+  uint32_t channels, mask;
+  bool taken;
+};
+
+TEST(LibavEncoders, ChannelMasks) {
+  const Mask cases[] = {
+      {false, 6, 0x3F, true},  {false, 6, 0x60F, true}, {false, 6, 0, true},
+      {false, 5, 0x37, true},  {false, 4, 0x107, true}, {false, 3, 0x103, true},
+      {false, 1, 0x1, true},   {false, 4, 0xC3, false}, {false, 6, 0x707, false},
+      {true, 6, 0x3F, true},   {true, 6, 0x60F, true},  {true, 2, 0x3, true},
+      {true, 1, 0x4, true},    {true, 6, 0x707, false},
+  };
+  for (const Mask& c : cases) {
+    std::shared_ptr<TLibavEncoder> encoder;
+    if (c.dts)
+      encoder = TDtsEncoder::Create(768);
+    else
+      encoder = TAc3Encoder::Create(448);
+    encoder->SetChannelMask(c.mask);
+    encoder->SetUpStream(TCapture::Create());
+    LogLines log(1);
+    EXPECT_EQ(encoder->InitAudio("pcm", c.channels, 16, 48000, false, 0), c.taken)
+        << c.channels << " channels, mask " << c.mask;
+    if (!c.taken) {
+      const std::string family = c.dts ? "DTS" : "AC3";
+      EXPECT_EQ(log.lines, std::vector<std::string>{"The " + family +
+                                                    " encoder didn't accept this channel "
+                                                    "configuration."});
+    }
+  }
 }
 
 // Frames per stream length, and one whole frame per Send whatever the input pieces are.

@@ -49,7 +49,7 @@ TEST(BluRayPlaylists, FiltersOfTheTitleList) {
     disc.Playlist(0, MakeMpls(c.items, {}));
     TM2tsPlaylists list = ReadPlaylists(disc.Bdmv().string(), false);
     ASSERT_EQ(list.size(), c.listed ? 1u : 0u) << c.what;
-    if (c.listed) EXPECT_EQ(list[0].Duration, c.duration) << c.what;
+    if (c.listed) { EXPECT_EQ(list[0].Duration, c.duration) << c.what; }
   }
 }
 
@@ -259,7 +259,7 @@ TEST(BluRayPlaylists, DamagedFilesAreSimplyAbsent) {
   std::string path = (disc.Bdmv() / "PLAYLIST" / "00001.mpls").string();
   for (size_t cut = 0; cut < mpls.size(); cut++) {
     TM2tsPlaylist p = ParsePlaylist(Bytes(mpls.begin(), mpls.begin() + long(cut)), path, true);
-    if (p.Valid) EXPECT_EQ(p.Items.size(), 2u) << cut;
+    if (p.Valid) { EXPECT_EQ(p.Items.size(), 2u) << cut; }
   }
   for (size_t cut = 0; cut < clpi.size(); cut++)
     EXPECT_TRUE(ParseClipInfo(Bytes(clpi.begin(), clpi.begin() + long(cut))).empty()) << cut;

@@ -14,7 +14,7 @@ TEST(Languages, TableShapeAndOrder) {
     std::string_view row = kLanguageRows[i];
     ASSERT_EQ(std::count(row.begin(), row.end(), '|'), 2) << row;
     if (row.find("||") == std::string_view::npos) twoLetter++;
-    if (i) EXPECT_LT(kLanguageRows[i - 1].substr(0, 3), row.substr(0, 3)) << row;
+    if (i) { EXPECT_LT(kLanguageRows[i - 1].substr(0, 3), row.substr(0, 3)) << row; }
   }
   EXPECT_EQ(std::size(kLanguageRows), 484u);
   EXPECT_EQ(twoLetter, 185u);

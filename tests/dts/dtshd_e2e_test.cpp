@@ -114,19 +114,24 @@ TEST(DtsHdFile, LosslessDecodeEqualsTheReferenceWavs) {
   }
 }
 
-// The listing of the .dtshd files: Hi-Res gets the rate of its whole frames (the stream's bytes
-// over ffprobe's duration), not a wrapped 32-bit product.
-TEST(DtsHdFile, HiResBitRateIsThatOfTheWholeStream) {
+// Hi-Res lists the core's coded rate (ffprobe's rate of ffmpeg's dca_core) grown by the
+// extension's share of the stream, with the product in 64 bits: in 32 bits it wraps to 1,774.
+TEST(DtsHdFile, HiResBitRateIsTakenIn64Bits) {
   SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffprobe");
+  SKIP_WITHOUT_TOOL("ffmpeg");
   TempDir dir;
   std::string source = (DtsDir() / "xbr_51_24_48_3840.dtshd").string();
-  double seconds = std::stod(Capture("ffprobe -v error -show_entries format=duration -of csv=p=0 '" +
-                                     source + "'"));
-  uint64_t rate = uint64_t(fs::file_size(DtsDir() / "xbr_51_24_48_3840.dts") * 8 / seconds + 0.5);
-  ASSERT_EQ(rate, 3840000u);
+  ASSERT_EQ(std::system(("ffmpeg -v error -y -i '" + source + "' -c copy -bsf:a dca_core -f dts '" +
+                         dir / "core.dts" + "'")
+                            .c_str()),
+            0);
+  uint64_t coreRate = std::stoull(ProbeFacts(dir / "core.dts")["bit_rate"]);
+  ASSERT_EQ(coreRate, 1536000u);
+  uint64_t rate = coreRate * fs::file_size(DtsDir() / "xbr_51_24_48_3840.dts") /
+                  fs::file_size(dir / "core.dts");
+  ASSERT_EQ(rate / 1000, 3908u);
   RunResult r = RunSonvex({source}, dir.path());
-  EXPECT_TRUE(r.HasLine("DTS Hi-Res, 5.1 channels, 0:00:00, 24 bits, 3,840kbit/s, 48khz")) << r.out;
+  EXPECT_TRUE(r.HasLine("DTS Hi-Res, 5.1 channels, 0:00:00, 24 bits, 3,908kbit/s, 48khz")) << r.out;
 }
 
 // A stream of DTS-HD substreams only (the cores cut out of a Master Audio stream): listed with

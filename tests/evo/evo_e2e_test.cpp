@@ -319,7 +319,10 @@ TEST(EvoEndToEnd, AuthoringFaultsAreBorneAndForeignDataStops) {
                              "4:", "out.wav"},
                             foreign.path());
   EXPECT_EQ(run.exitCode, 1);
-  EXPECT_TRUE(run.HasLine("[a03] This doesn't seem to be a valid EVO/VOB file.")) << run.out;
+  // Both actions read the same parts; whichever reaches the foreign data first stops the run.
+  EXPECT_TRUE(run.HasLine("[a03] This doesn't seem to be a valid EVO/VOB file.") ||
+              run.HasLine("[a04] This doesn't seem to be a valid EVO/VOB file."))
+      << run.out;
   EXPECT_FALSE(fs::exists(foreign.path() / "out.ac3"));
   EXPECT_FALSE(fs::exists(foreign.path() / "out.wav"));
 }

@@ -77,7 +77,8 @@ TEST(AudioOutput, TwinOutputsDecideTheBitDepth) {
   EXPECT_EQ(Payload(h.files["movie.24bit.wav"]->bytes),
             Payload(ReadFile(CorpusPath("gen/wav_51_24.wav"))));
   // The 16-bit twin stopped at the first sample with a low byte: it holds a sliver of the audio.
-  EXPECT_LT(h.files["movie.16bit.wav"]->bytes.size() * 20, h.files["movie.24bit.wav"]->bytes.size());
+  EXPECT_LT(h.files["movie.16bit.wav"]->bytes.size() * 20,
+            h.files["movie.24bit.wav"]->bytes.size());
 }
 
 // A 16-bit source carried in 24 bits: the stripper proves it, and its twin equals the source.

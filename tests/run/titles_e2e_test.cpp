@@ -88,7 +88,7 @@ TEST_F(DiscTitles, EveryCorpusDiscListsItsTitles) {
     RunResult run = RunSonvex({(DiscCorpus() / disc).string()}, dir.path());
     EXPECT_EQ(run.exitCode, 0) << disc;
     EXPECT_EQ(TitleLines(run.out, hdDvd), TitleLines(ReadFile(entry.path()), hdDvd)) << disc;
-    if (!hdDvd) EXPECT_EQ(Md5(entry.path()), oracle["bd." + disc + ".listing_md5"]) << disc;
+    if (!hdDvd) { EXPECT_EQ(Md5(entry.path()), oracle["bd." + disc + ".listing_md5"]) << disc; }
   }
 }
 

@@ -25,6 +25,7 @@ public:
     if (size) bytes.insert(bytes.end(), data, data + size);
     blocks.push_back(size);
     positions.push_back(position);
+    flushes.push_back(flush);
     headers.push_back(isHeader);
     senders.push_back(sender);
     return acceptWrites;
@@ -60,6 +61,7 @@ public:
   std::vector<uint8_t> bytes;
   std::vector<uint32_t> blocks;
   std::vector<int64_t> positions;
+  std::vector<bool> flushes;
   std::vector<bool> headers;
   std::vector<SenderId> senders;
   std::vector<AudioAnnouncement> audioInits;
