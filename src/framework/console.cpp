@@ -73,13 +73,18 @@ void WriteLine(int level, const std::string& text) {
 
 void UpdateProgress(int64_t total, int64_t position) {
   std::lock_guard<std::recursive_mutex> guard(consoleLock);
-  if (jsonProgress && total > 0) {
-    position = std::clamp<int64_t>(position, 0, total);
-    int percent = int(__int128(position) * 100 / total);
-    if (total == 1 && position == 0) percent = -1;  // the clearing call starts a new count
-    if (percent != lastPercent && percent >= 0)
-      std::fprintf(stderr, "{\"progress\": %d}\n", percent), std::fflush(stderr);
-    lastPercent = percent;
+  if (jsonProgress) {
+    // The clearing call ends a count; the next pass counts from 0 again.
+    if (total == 1 && position == 0) {
+      lastPercent = -1;
+    } else if (total > 0) {
+      int percent = int(__int128(std::clamp<int64_t>(position, 0, total)) * 100 / total);
+      if (percent > lastPercent) {
+        std::fprintf(stderr, "{\"progress\": %d}\n", percent);
+        std::fflush(stderr);
+        lastPercent = percent;
+      }
+    }
     return;
   }
   if (consoleOff || total <= 0) return;

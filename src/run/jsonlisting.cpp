@@ -120,8 +120,9 @@ void StartJsonRun(TJsonRun& run) {
     std::fputs(text.c_str(), stderr);
     std::fputc('\n', stderr);
     std::fflush(stderr);
-    (level == 0 ? run.lines : level == 1 ? run.warnings : run.errors).push_back(text);
+    if (level) (level == 1 ? run.warnings : run.errors).push_back(text);
   });
+  SetTitleRecorder([&run](const TListedTitle& title) { run.titles.push_back(title); });
 }
 
 bool WantsJson(int argc, char** argv) {
@@ -131,20 +132,30 @@ bool WantsJson(int argc, char** argv) {
 }
 
 std::vector<std::string> ExistingOutputs(const std::vector<TAction>& actions) {
-  std::vector<std::string> names;
+  std::vector<std::string> candidates = MadeFiles(), names;
+  // A twin of a bit depth settles under the name without its ".24bit" or ".16bit".
+  for (std::string name : MadeFiles()) {
+    for (const char* twin : {".24bit", ".16bit"})
+      if (size_t at = name.rfind(twin); at != std::string::npos) name.erase(at, 6);
+    candidates.push_back(name);
+  }
   for (const TAction& action : actions) {
     int32_t count = std::max(action.fileCount, 0);
-    for (int32_t index = 0; index < std::max(count, 1); index++) {
-      std::string name = IndexedName(action.dest, index, count);
-      std::error_code error;
-      if (std::filesystem::is_regular_file(name, error)) names.push_back(name);
-    }
+    for (int32_t index = 0; index < std::max(count, 1); index++)
+      candidates.push_back(IndexedName(action.dest, index, count));
+  }
+  for (const std::string& name : candidates) {
+    std::error_code error;
+    if (std::filesystem::is_regular_file(name, error) &&
+        std::find(names.begin(), names.end(), name) == names.end())
+      names.push_back(name);
   }
   return names;
 }
 
 void FinishJsonRun(const std::string& document) {
   SetLogHook(nullptr);
+  SetTitleRecorder(nullptr);
   SetJsonProgress(false);
   std::fputs(document.c_str(), stdout);
   std::fputc('\n', stdout);
@@ -182,7 +193,7 @@ void AudioFields(TJsonWriter& json, const IAudioFormatDetails& audio) {
   if (audio.Bits()) json.Field("bits", int64_t(audio.Bits()));
   if (audio.SampleRate()) json.Field("sample_rate", int64_t(audio.SampleRate()));
   if (audio.Bitrate()) json.Field("bit_rate", int64_t(audio.Bitrate()));
-  if (audio.Dialnorm()) json.Field("dialnorm", int64_t(audio.Dialnorm()));
+  if (audio.Dialnorm()) json.Field("dialnorm", -int64_t(audio.Dialnorm()));
   if (audio.Duration()) json.Field("duration_ms", int64_t(audio.Duration()));
   std::string text = audio.Description();
   if (codec == "thd/ac3" || Holds(text, "core")) json.Flag("core", true);
@@ -287,6 +298,7 @@ void Strings(TJsonWriter& json, const char* key, const std::vector<std::string>&
 }  // namespace
 
 std::string SourceJson(const TSourceInfo& info, const TDiscFacts& disc, const TJsonRun& run,
+                       const std::vector<std::string>& sources,
                        const std::vector<std::string>& outputs, bool passed, int exitCode) {
   TJsonWriter json;
   json.Open(nullptr, '{');
@@ -294,6 +306,13 @@ std::string SourceJson(const TSourceInfo& info, const TDiscFacts& disc, const TJ
     const IContainerFormatDetails& c = *info.container;
     json.Open("container", '{').Field("format", c.Format()).Field("name", c.Name());
     if (c.Duration()) json.Field("duration_ms", int64_t(c.Duration()));
+    uintmax_t size = 0;
+    for (const std::string& source : sources) {
+      std::error_code error;
+      uintmax_t one = std::filesystem::file_size(source, error);
+      if (!error) size += one;
+    }
+    if (size) json.Field("size", int64_t(size));
     if (!disc.titleName.empty()) json.Field("title", disc.titleName);
     json.Field("description", c.Description()).Close();
     json.Open("tracks", '[');
@@ -338,47 +357,19 @@ std::string SourceJson(const TSourceInfo& info, const TDiscFacts& disc, const TJ
   return json.Text();
 }
 
-// Title lines: "5) 00002.mpls (angle 1), 1:11:03", then "   [5+6+8].m2ts" or a file name, then
-// "   - h264/AVC, 1080p24" per track.
 std::string TitlesJson(const TJsonRun& run, int exitCode) {
   TJsonWriter json;
   json.Open(nullptr, '{').Open("titles", '[');
-  bool open = false, inTracks = false;
-  auto finish = [&] {
-    if (inTracks) json.Close();
-    if (open) json.Close();
-    open = inTracks = false;
-  };
-  for (const std::string& line : run.lines) {
-    unsigned number = 0;
-    int used = 0;
-    if (std::sscanf(line.c_str(), "%u) %n", &number, &used) == 1 && used > 0) {
-      finish();
-      open = true;
-      std::string rest = line.substr(size_t(used));
-      json.Open(nullptr, '{').Field("number", int64_t(number)).Field("description", rest);
-      size_t comma = rest.rfind(", ");
-      std::string head = comma == std::string::npos ? rest : rest.substr(0, comma);
-      unsigned angle = 0;
-      size_t paren = head.find(" (angle ");
-      if (paren != std::string::npos && std::sscanf(head.c_str() + paren, " (angle %u)", &angle) == 1) {
-        json.Field("playlist", head.substr(0, paren)).Field("angle", int64_t(angle));
-      } else {
-        json.Field("playlist", head);
-      }
-      unsigned h = 0, m = 0, s = 0;
-      if (comma != std::string::npos &&
-          std::sscanf(rest.c_str() + comma + 2, "%u:%u:%u", &h, &m, &s) == 3)
-        json.Field("duration_ms", int64_t((h * 60 + m) * 60 + s) * 1000);
-    } else if (open && line.compare(0, 5, "   - ") == 0) {
-      if (!inTracks) json.Open("tracks", '[');
-      inTracks = true;
-      json.Field(nullptr, line.substr(5));
-    } else if (open && !inTracks && line.compare(0, 3, "   ") == 0) {
-      json.Field("clips", line.substr(3));
-    }
+  for (const TListedTitle& title : run.titles) {
+    json.Open(nullptr, '{').Field("number", int64_t(title.number));
+    if (!title.playlist.empty()) json.Field("playlist", title.playlist);
+    if (title.angle) json.Field("angle", int64_t(title.angle));
+    json.Field("duration_ms", title.durationMs);
+    if (!title.name.empty()) json.Field("name", title.name);
+    Strings(json, "clips", title.clips);
+    Strings(json, "tracks", title.tracks);
+    json.Close();
   }
-  finish();
   json.Close();
   Strings(json, "warnings", run.warnings);
   Strings(json, "errors", run.errors);

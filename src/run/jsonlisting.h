@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "disc/listedtitle.h"
 #include "run/runtracks.h"
 #include "run/titles.h"
 
@@ -35,14 +36,15 @@ private:
 // A JSON string literal of `text`; bytes that are not UTF-8 become U+FFFD.
 std::string JsonString(const std::string& text);
 
-// What "-json" collects while the run goes on: the lines the run printed, by level.
+// What "-json" collects while the run goes on: the messages the run printed, and disc titles.
 struct TJsonRun {
-  std::vector<std::string> lines;     // level 0
+  std::vector<TListedTitle> titles;
   std::vector<std::string> warnings;  // level 1
   std::vector<std::string> errors;    // level 2
 };
 
-// Sends the console lines to standard error and collects them; progress as JSON lines.
+// Sends the console lines to standard error and collects the messages and listed titles;
+// progress as JSON lines.
 void StartJsonRun(TJsonRun& run);
 
 // Whether "-json" is one of the arguments (disc titles are listed before the line is parsed).
@@ -52,10 +54,12 @@ std::vector<std::string> ExistingOutputs(const std::vector<TAction>& actions);
 // Puts a document on standard output and ends the collecting of lines.
 void FinishJsonRun(const std::string& document);
 
-// The document of an analysed source; `outputs` and the outcome only after a pass (`passed`).
+// The document of an analysed source (`sources` are its files); `outputs` and the outcome only
+// after a pass (`passed`).
 std::string SourceJson(const TSourceInfo& info, const TDiscFacts& disc, const TJsonRun& run,
+                       const std::vector<std::string>& sources,
                        const std::vector<std::string>& outputs, bool passed, int exitCode);
-// The document of a disc folder, made from the title lines that the title listing printed.
+// The document of a disc folder: its listed titles.
 std::string TitlesJson(const TJsonRun& run, int exitCode);
 
 }  // namespace sonvex

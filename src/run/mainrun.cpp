@@ -536,7 +536,9 @@ int TMainRun::Execute(int argc, char** argv) {
   jsonWanted = WantsJson(argc, argv);
   if (jsonWanted) {
     StartJsonRun(json);
-    if (argc == 3 && ListDiscTitles(RemoveQuotes(argv[LowerCase(argv[1]) == "-json" ? 2 : 1]))) {
+    // "-json" alone lists the disc in the current folder, "-json" and a folder that folder.
+    std::string folder = argc == 2 ? "." : argc == 3 ? argv[LowerCase(argv[1]) == "-json" ? 2 : 1] : "";
+    if (!folder.empty() && ListDiscTitles(RemoveQuotes(folder))) {
       FinishJsonRun(TitlesJson(json, 0));
       return 0;
     }
@@ -603,7 +605,8 @@ int TMainRun::Execute(int argc, char** argv) {
     }
   }
   if (jsonWanted)
-    FinishJsonRun(SourceJson(info, disc, json, passed ? ExistingOutputs(options.actions)
+    FinishJsonRun(SourceJson(info, disc, json, options.sources,
+                             passed ? ExistingOutputs(options.actions)
                                                        : std::vector<std::string>{}, passed, exitCode));
   CopyLog();
   return exitCode;
