@@ -5,6 +5,7 @@ packages=(g++ cmake ninja-build pkg-config ccache clang
           libavcodec-dev libavformat-dev libavutil-dev libflac-dev libsoxr-dev libgtest-dev
           libclang-rt-14-dev  # libFuzzer and the sanitizer runtimes of the clang fuzz build
           ffmpeg flac sox
+          python3-jsonschema groff  # schema check of the JSON listing; man page rendering
           mkvtoolnix      # mkvinfo: an oracle of the Matroska tests only
           libbluray-bin   # bd_list_titles: an oracle of the disc tests and bench only
           libbluray-dev)  # libbluray's playlist and clip-info parsers: an oracle of the disc tests only

@@ -9,6 +9,7 @@
 
 #include "disc/discfiles.h"
 #include "disc/languages.h"
+#include "disc/listedtitle.h"
 #include "framework/console.h"
 
 namespace sonvex {
@@ -299,6 +300,8 @@ void PrintPlaylists(const TM2tsPlaylists& list) {
     std::string prefix = std::to_string(n + 1) + ") ";
     std::string indent(prefix.size(), ' ');
     std::string head = prefix + playlist.Name;
+    TListedTitle listed{int32_t(n + 1), playlist.Name, int32_t(playlist.Angle), playlist.Duration, {}, {}, {}};
+    for (const TM2tsPlayItem& item : playlist.Items) listed.clips.push_back(ClipName(item.Clips[0], ".m2ts"));
     if (playlist.Angle > 0) head += " (angle " + std::to_string(playlist.Angle) + ")";
     if (playlist.Items.size() >= 4) {
       if (playlist.Duration > 0) head += ", " + TitleTimeText(playlist.Duration);
@@ -324,8 +327,11 @@ void PrintPlaylists(const TM2tsPlaylists& list) {
     }
     for (uint8_t kind : {0, 1})
       for (const TM2tsStream& stream : playlist.Streams)
-        if (stream.Kind == kind && !stream.Description.empty())
+        if (stream.Kind == kind && !stream.Description.empty()) {
           WriteLine(0, indent + "- " + stream.Description);
+          listed.tracks.push_back(stream.Description);
+        }
+    RecordTitle(listed);
   }
 }
 

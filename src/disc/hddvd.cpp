@@ -10,6 +10,7 @@
 
 #include "disc/discfiles.h"
 #include "disc/languages.h"
+#include "disc/listedtitle.h"
 #include "disc/xmlscanner.h"
 #include "framework/console.h"
 
@@ -413,10 +414,21 @@ void PrintTitles(const TXpl& xpl) {
     std::string prefix = std::to_string(n + 1) + ") ";
     std::string indent(prefix.size(), ' ');
     std::string files;
-    for (uint32_t clip : title.Clips) files += (files.empty() ? "" : "+") + xpl.Clips[clip].FileName;
+    TListedTitle listed{int32_t(n + 1), {}, 0, title.Duration, {}, title.Name, {}};
+    for (uint32_t clip : title.Clips) {
+      files += (files.empty() ? "" : "+") + xpl.Clips[clip].FileName;
+      listed.clips.push_back(xpl.Clips[clip].FileName);
+    }
     WriteLine(0, prefix + files + ", " + TitleTimeText(title.Duration));
     if (!title.Name.empty()) WriteLine(0, indent + "\"" + title.Name + "\"");
-    if (title.Clips.empty()) continue;
+    auto track = [&](const std::string& line) {
+      WriteLine(0, line);
+      listed.tracks.push_back(line.substr(indent.size() + 2));
+    };
+    if (title.Clips.empty()) {
+      RecordTitle(listed);
+      continue;
+    }
     const TXplClip& clip = xpl.Clips[title.Clips[0]];
     for (const TXplVideoTrack& video : clip.Video) {
       std::string line = indent + "- " + (video.Name.empty() ? "Video" : video.Name);
@@ -431,7 +443,7 @@ void PrintTitles(const TXpl& xpl) {
       }
       if (!video.Aspect.empty()) line += " (" + video.Aspect + ")";
       if (video.Description != video.Name) line += quoted(video.Description);
-      WriteLine(0, line);
+      track(line);
     }
     for (const TXplAudioTrack& audio : clip.Audio) {
       std::string line = indent + "- " + (audio.Name.empty() ? "Audio" : audio.Name);
@@ -442,7 +454,7 @@ void PrintTitles(const TXpl& xpl) {
       line += quoted(audio.Description);
       if (!audio.Extra.empty()) line += "  \"" + audio.Extra + "\"";
       if (!audio.Text.empty() && audio.Text != audio.Description) line += "  \"" + audio.Text + "\"";
-      WriteLine(0, line);
+      track(line);
     }
     for (const TXplSubtitleTrack& subtitle : clip.Subtitles) {
       std::string line = indent + "- Subtitle";
@@ -451,8 +463,9 @@ void PrintTitles(const TXpl& xpl) {
       line += quoted(subtitle.Description);
       if (!subtitle.Text.empty() && subtitle.Text != subtitle.Description)
         line += "  \"" + subtitle.Text + "\"";
-      WriteLine(0, line);
+      track(line);
     }
+    RecordTitle(listed);
   }
 }
 

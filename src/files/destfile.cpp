@@ -84,10 +84,12 @@ namespace {
 // Each is kept under the name it was asked for, with the name it got (a delay can be in it).
 std::mutex createdLock;
 std::map<std::string, std::string> createdFiles;
+std::vector<std::string> madeFiles;  // every name created, in order, handed over or not
 
 void NoteCreated(const std::string& asked, const std::string& made) {
   std::lock_guard<std::mutex> guard(createdLock);
   createdFiles[asked] = made;
+  madeFiles.push_back(made);
 }
 
 bool RemoveCreated(const std::string& asked) {
@@ -113,6 +115,11 @@ std::string TakeCreated(const std::string& asked) {
 }  // namespace
 
 void NoteCreatedFile(const std::string& name) { NoteCreated(name, name); }
+
+std::vector<std::string> MadeFiles() {
+  std::lock_guard<std::mutex> guard(createdLock);
+  return madeFiles;
+}
 
 void DeleteCreatedFiles() {
   std::lock_guard<std::mutex> guard(createdLock);

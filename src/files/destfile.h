@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/smallstages.h"
 #include "framework/upstream.h"
@@ -72,6 +73,8 @@ std::string FinishOutputs(const std::string& name, uint32_t bits, int32_t index,
 void DeleteOutputs(const std::string& name, uint32_t bits, int32_t index, int32_t count);
 // Notes a file that another writer of this process has created, so that a failed pass removes it.
 void NoteCreatedFile(const std::string& name);
+// Every name this process has created a file under, in order (a twin may be renamed since).
+std::vector<std::string> MadeFiles();
 // Removes every file this process created and has not handed over yet: what a failed pass left.
 void DeleteCreatedFiles();
 

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -24,6 +25,8 @@ std::function<void(int, const std::string&)> logHook;
 std::FILE* logFile = nullptr;
 std::string logName;
 uint32_t barLength = 0;
+bool jsonProgress = false;
+int lastPercent = -1;
 std::atomic<bool> expectLosslessFailure{false};
 
 constexpr int kBarWidth = 79;
@@ -70,6 +73,20 @@ void WriteLine(int level, const std::string& text) {
 
 void UpdateProgress(int64_t total, int64_t position) {
   std::lock_guard<std::recursive_mutex> guard(consoleLock);
+  if (jsonProgress) {
+    // The clearing call ends a count; the next pass counts from 0 again.
+    if (total == 1 && position == 0) {
+      lastPercent = -1;
+    } else if (total > 0) {
+      int percent = int(__int128(std::clamp<int64_t>(position, 0, total)) * 100 / total);
+      if (percent > lastPercent) {
+        std::fprintf(stderr, "{\"progress\": %d}\n", percent);
+        std::fflush(stderr);
+        lastPercent = percent;
+      }
+    }
+    return;
+  }
   if (consoleOff || total <= 0) return;
   if (position < 0) position = 0;
   if (position > total) position = total;
@@ -88,6 +105,12 @@ void UpdateProgress(int64_t total, int64_t position) {
     std::fflush(out);
   }
   barLength = length;
+}
+
+void SetJsonProgress(bool value) {
+  std::lock_guard<std::recursive_mutex> guard(consoleLock);
+  jsonProgress = value;
+  lastPercent = -1;
 }
 
 void SetConsoleOff(bool value) {

@@ -23,6 +23,9 @@ void SetConsoleOff(bool value);
 bool ConsoleOff();
 // Replaces the console as the receiver of lines (the log still fills); nullptr restores it.
 void SetLogHook(std::function<void(int, const std::string&)> hook);
+// Progress for machines: one line `{"progress": 42}` on standard error per whole percent,
+// in place of the bar.
+void SetJsonProgress(bool value);
 // Whether the bar and the line wiping are drawn; by default, whether the console is a terminal.
 void SetConsoleIsTerminal(bool value);
 

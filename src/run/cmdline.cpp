@@ -32,6 +32,8 @@ bool GlobalOption(const std::string& opt, TOptions& options, TAction*& current) 
     options.megabytes = int32_t(n);
   } else if (EqualsNoCase(opt, "test")) {
     options.test = true;
+  } else if (EqualsNoCase(opt, "json")) {
+    options.json = true;
   } else if (EqualsNoCase(opt, "demux") || EqualsNoCase(opt, "check")) {
     (EqualsNoCase(opt, "demux") ? options.demux : options.check) = true;
     // A placeholder action collects the options that every generated action copies.

@@ -60,6 +60,7 @@ constexpr HelpOption kOptions[] = {
     {"-24p/30p/60i", "the frame rate to mux video with"},
     {"-check", "check all tracks of the source without writing anything"},
     {"-test", "show which libraries and codecs are available"},
+    {"-json", "print the listing and the outcome as one JSON document"},
 };
 
 constexpr const char* kTail[] = {

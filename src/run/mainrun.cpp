@@ -14,6 +14,7 @@
 #include "mux/mkvframerate.h"
 #include "pcm/rawanalyzer.h"
 #include "run/cmdline.h"
+#include "run/jsonlisting.h"
 #include "run/naming.h"
 #include "run/runstate.h"
 #include "run/runtracks.h"
@@ -93,6 +94,9 @@ private:
   uint64_t stampTicks = 0;
   bool rerunWanted = false;
   int64_t abortPosition = 0;
+  TJsonRun json;  // what "-json" collects
+  bool passed = false;
+  bool jsonWanted = false;
 };
 
 std::string TMainRun::TrackText(const TTrackRef& ref) const {
@@ -534,6 +538,16 @@ int TMainRun::Execute(int argc, char** argv) {
   InstallTitleResolver();
   if (argc == 1 && ListDiscTitles(".")) return 0;
   if (argc == 2 && ListDiscTitles(RemoveQuotes(argv[1]))) return 0;
+  jsonWanted = WantsJson(argc, argv);
+  if (jsonWanted) {
+    StartJsonRun(json);
+    // "-json" alone lists the disc in the current folder, "-json" and a folder that folder.
+    std::string folder = argc == 2 ? "." : argc == 3 ? argv[LowerCase(argv[1]) == "-json" ? 2 : 1] : "";
+    if (!folder.empty() && ListDiscTitles(RemoveQuotes(folder))) {
+      FinishJsonRun(TitlesJson(json, 0));
+      return 0;
+    }
+  }
   if (argc == 1) {
     PrintHelp();
     return 0;
@@ -590,10 +604,15 @@ int TMainRun::Execute(int argc, char** argv) {
           exitCode = 0;
         } else {
           RunPasses();
+          passed = true;
         }
       }
     }
   }
+  if (jsonWanted)
+    FinishJsonRun(SourceJson(info, disc, json, options.sources,
+                             passed ? ExistingOutputs(options.actions)
+                                                       : std::vector<std::string>{}, passed, exitCode));
   CopyLog();
   return exitCode;
 }

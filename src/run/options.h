@@ -48,6 +48,7 @@ struct TAction {
 struct TOptions {
   std::vector<std::string> sources;
   bool test = false;
+  bool json = false;  // one JSON document on standard output, messages on standard error
   int32_t megabytes = 0;
   bool demux = false;
   bool check = false;

@@ -158,6 +158,20 @@ public:
   std::vector<std::string> lines;
 };
 
+// A public tree of playlists and clip info as a disc: "<name>/BDMV" in `dir` with an empty clip
+// file in STREAM for each clip info file.
+inline fs::path WrapPublicDisc(const fs::path& tree, const test::TempDir& dir) {
+  fs::path bdmv = dir.path() / tree.filename() / "BDMV";
+  fs::create_directories(bdmv.parent_path());
+  test::RunShell("cp -r " + test::ShellQuote(tree.string()) + " " + test::ShellQuote(bdmv.string()) +
+                     " && chmod -R u+w " + test::ShellQuote(bdmv.string()),
+                 dir.path());
+  fs::create_directories(bdmv / "STREAM");
+  for (const auto& entry : fs::directory_iterator(bdmv / "CLIPINF"))
+    WriteBytes(bdmv / "STREAM" / (entry.path().stem().string() + ".m2ts"), {});
+  return bdmv.parent_path();
+}
+
 // Minutes in 45 kHz ticks.
 constexpr uint32_t Minutes45(uint32_t minutes) { return minutes * 60 * 45000; }
 

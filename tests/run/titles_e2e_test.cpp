@@ -46,20 +46,6 @@ fs::path CopyDisc(const std::string& name, const TempDir& dir) {
   return target;
 }
 
-// A public tree of playlists and clip info as a disc: "<name>/BDMV" with an empty clip file in
-// STREAM for each clip info file.
-fs::path WrapPublicDisc(const fs::path& tree, const TempDir& dir) {
-  fs::path bdmv = dir.path() / tree.filename() / "BDMV";
-  fs::create_directories(bdmv.parent_path());
-  RunShell("cp -r " + ShellQuote(tree.string()) + " " + ShellQuote(bdmv.string()) +
-               " && chmod -R u+w " + ShellQuote(bdmv.string()),
-           dir.path());
-  fs::create_directories(bdmv / "STREAM");
-  for (const auto& entry : fs::directory_iterator(bdmv / "CLIPINF"))
-    disctest::WriteBytes(bdmv / "STREAM" / (entry.path().stem().string() + ".m2ts"), {});
-  return bdmv.parent_path();
-}
-
 // The listing without the HD DVD track lines, whose layout the oracle leaves open.
 std::string TitleLines(const std::string& listing, bool hdDvd) {
   std::string kept;
@@ -186,7 +172,7 @@ TEST_F(DiscTitles, ChapterTextOfTheFirstTitle) {
 
 TEST_F(DiscTitles, UhdPlaylistsAgainstLibbluray) {
   SKIP_WITHOUT_TOOL("bd_list_titles");
-  fs::path disc = WrapPublicDisc(CorpusDir() / "public" / "bluray" / "bdpl-disc5", dir);
+  fs::path disc = disctest::WrapPublicDisc(CorpusDir() / "public" / "bluray" / "bdpl-disc5", dir);
   RunResult run = RunSonvex({disc.string()}, dir.path());
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   EXPECT_TRUE(run.HasLine("   - h265/HEVC, 2160p24 /1.001 (16:9)")) << run.out;
