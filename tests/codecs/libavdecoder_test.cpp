@@ -134,12 +134,12 @@ TEST(LibavDecoder, CorruptFrameEndsTheRun) {
   auto data = ReadFile(CorpusPath("gen/truehd_20_48k.thd"));
   ASSERT_GT(data.size(), 20000u);
   for (size_t i = 9000; i < 9400; i++) data[i] ^= 0x5A;  // damage inside an access unit
-  LogLines errors(2);
+  TLog errors;
   auto decoder = TLibavDecoder::CreateFor("thd");
   decoder->SetUpStream(TCapture::Create());
   EXPECT_FALSE(PushFile(*decoder, data, 4096, "thd"));
-  ASSERT_FALSE(errors.lines.empty());
-  EXPECT_EQ(errors.lines.back(), "The libav decoder reported an error while decoding.");
+  ASSERT_FALSE(errors.Texts(2).empty());
+  EXPECT_EQ(errors.Texts(2).back(), "The libav decoder reported an error while decoding.");
 }
 
 // Zeros never decode: nothing is announced or sent, and the run is no failure.

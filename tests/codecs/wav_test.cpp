@@ -7,7 +7,6 @@
 #include "codecs/wavreader.h"
 #include "codecs/wavwriter.h"
 #include "framework/bitreader.h"
-#include "support/battery.h"
 
 namespace sonvex::codecstest {
 namespace {
@@ -45,12 +44,12 @@ struct ReadResult {
 
 ReadResult ReadWav(const std::vector<uint8_t>& file, size_t piece) {
   ReadResult r;
-  LogLines log(2);
+  TLog log;
   auto reader = TWavReader::Create();
   r.capture = TCapture::Create();
   reader->SetUpStream(r.capture);
   r.ok = PushFile(*reader, file, piece);
-  r.errors = log.lines;
+  r.errors = log.Texts(2);
   return r;
 }
 
@@ -126,7 +125,7 @@ struct WriteResult {
 WriteResult WriteWav(bool extensible, uint32_t channels, int64_t announced, uint32_t dataBytes,
                      bool seekable) {
   WriteResult r;
-  LogLines log;
+  TLog log;
   auto writer = TWavWriter::Create(extensible, 0x3F, false);
   auto memory = TMemoryFile::Create();
   auto plain = TCapture::Create();
@@ -138,7 +137,7 @@ WriteResult WriteWav(bool extensible, uint32_t channels, int64_t announced, uint
   std::vector<uint8_t> data(dataBytes);
   for (size_t i = 0; i < data.size(); i++) data[i] = uint8_t(i);
   r.ok = r.ok && writer->Write(0, false, data.data(), dataBytes, -1, false) && writer->Finish();
-  r.lines = log.lines;
+  r.lines = log.Texts();
   r.file = seekable ? memory->bytes : plain->bytes;
   return r;
 }
@@ -336,15 +335,6 @@ TEST(WavReader, LongStreamsGoByTheirRealLength) {
   ASSERT_TRUE(reader->InitAudio("?", 1, 8, 0, false, streamBytes));
   ASSERT_TRUE(reader->Write(0, false, file.data(), uint32_t(file.size()), -1, false));
   EXPECT_EQ(capture->audioInits.at(0).totalSize, (streamBytes - 44) / 4);
-}
-
-
-TEST(WavReader, ParserBattery) {
-  std::vector<uint8_t> payload(3000);
-  for (size_t i = 0; i < payload.size(); i++) payload[i] = uint8_t(i * 31 + 5);
-  Bytes list;
-  list.Tag("LIST").U32(10).Raw(std::vector<uint8_t>(10, 'i'));
-  RunParserBattery([] { return TWavReader::Create(); }, PcmWav(2, 24, payload, list.v), payload);
 }
 
 }  // namespace

@@ -77,20 +77,16 @@ std::set<int64_t> RunFfprobe(const fs::path& file) {
   std::string command = "ffprobe -v error -show_entries packet=pts,stream_index:stream=index,"
                         "codec_type -of compact \"" + file.string() + "\" 2>/dev/null";
   std::set<int64_t> all, video;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return all;
   std::vector<std::pair<int, int64_t>> packets;
   std::set<int> videoStreams;
-  char line[1024];
-  while (fgets(line, sizeof line, pipe)) {
-    std::string text = line;
+  std::istringstream lines(Pipe(command));
+  for (std::string text; std::getline(lines, text);) {
     if (text.rfind("stream|", 0) == 0 && text.find("codec_type=video") != std::string::npos)
       videoStreams.insert(int(Field(text, "index")));
     double pts = Field(text, "pts");
     if (text.rfind("packet|", 0) == 0 && !std::isnan(pts))
       packets.push_back({int(Field(text, "stream_index")), int64_t(pts)});
   }
-  pclose(pipe);
   for (auto [stream, pts] : packets) {
     all.insert(pts);
     if (videoStreams.count(stream)) video.insert(pts);
@@ -168,11 +164,7 @@ TEST(SourceProbeCorpus, PublicProgramStreamsMatchFfprobe) {
     std::string command = "ffprobe -v error -select_streams v:0 -show_entries "
                           "stream=start_time,duration,r_frame_rate -of compact \"" +
                           entry.path().string() + "\" 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    char line[1024] = {};
-    std::string text = fgets(line, sizeof line, pipe) ? line : "";
-    pclose(pipe);
+    std::string text = Pipe(command);
     double duration = Field(text, "duration"), start = Field(text, "start_time");
     double frame = 1 / Field(text, "r_frame_rate");
     ASSERT_FALSE(std::isnan(duration) || std::isnan(start) || std::isnan(frame)) << text;

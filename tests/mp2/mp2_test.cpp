@@ -99,10 +99,6 @@ TEST(Mp2Reader, CorpusStreamListsAndCopiesBitExact) {
             "MP2, 2.0 channels, 0:00:06, 224kbit/s, 48khz");
   EXPECT_EQ(capture->blocks.size(), 250u);
   EXPECT_TRUE(capture->bytes == bytes);
-
-  std::vector<uint8_t> head(bytes.begin(), bytes.begin() + 672 * 40);
-  RunParserBattery([] { return TMp2Reader::Create("", "", false); }, head, head);
-  RunParserBattery([] { return TMp2Reader::Create(); }, head, head);
 }
 
 TEST(Mp2Reader, TransportStreamTracksCopiedByFfmpeg) {
@@ -124,8 +120,8 @@ TEST(Mp2Reader, TransportStreamTracksCopiedByFfmpeg) {
     for (size_t i = 0; i < row.listings.size(); i++)
       command += " -map 0:a:" + std::to_string(i) + " -c copy -f mp2 '" +
                  scratch / ("track" + std::to_string(i) + ".mp2") + "'";
-    RunCommand(command + " 2>/dev/null");
-    std::string counts = RunCommand("ffprobe -v error -count_packets -select_streams a "
+    Pipe(command + " 2>/dev/null");
+    std::string counts = Pipe("ffprobe -v error -count_packets -select_streams a "
                                     "-show_entries stream=nb_read_packets -of csv=p=0 '" +
                                     CorpusPath(row.file) + "' 2>/dev/null");
     std::stringstream countLines(counts);
