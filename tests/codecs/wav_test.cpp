@@ -171,37 +171,6 @@ TEST(WavWriter, HeaderSizes) {
   EXPECT_EQ(streamed.lines.back(), "The WAV writer couldn't update the header.");
 }
 
-TEST(WavWriter, FfprobeAcceptsWrittenFiles) {
-  SKIP_WITHOUT_TOOL("ffprobe");
-  TempDir dir;
-  for (bool extensible : {false, true}) {
-    WriteResult r = WriteWav(extensible, 6, 0, 6 * 2 * 4800, true);
-    ASSERT_TRUE(r.ok);
-    std::string name = dir / (extensible ? "ext.wav" : "plain.wav");
-    WriteFile(name, r.file);
-    auto out = RunCommand("ffprobe -v error -show_entries stream=channels,sample_rate,codec_name:"
-                          "stream=duration_ts -of csv=p=0 '" + name + "'");
-    std::string text(out.begin(), out.end());
-    EXPECT_EQ(text, "pcm_s16le,48000,6,4800\n") << extensible;
-  }
-}
-
-TEST(WavWriter, CorpusWavRoundTripsByteForByte) {
-  SKIP_WITHOUT_CORPUS();
-  auto original = ReadFile(CorpusPath("gen/wav_51_24.wav"));
-  auto reader = TWavReader::Create();
-  auto writer = TWavWriter::Create(true, 0x3F, false);
-  auto memory = TMemoryFile::Create();
-  reader->SetUpStream(writer);
-  writer->SetUpStream(memory);
-  reader->SetSilent(true);
-  ASSERT_TRUE(PushFile(*reader, original, 100000));
-  ReadResult a = ReadWav(original, 65536), b = ReadWav(memory->bytes, 65536);
-  ASSERT_TRUE(a.ok && b.ok);
-  EXPECT_EQ(a.capture->bytes, b.capture->bytes);
-  EXPECT_EQ(a.capture->bytes.size(), 288000u * 18);
-}
-
 // Data announced beyond 4 GiB: RF64 with a ds64 chunk; the sizes are corrected at the end, and
 // both ffprobe and our reader take the file.
 TEST(WavWriter, Rf64ForDataBeyondFourGiB) {

@@ -11,6 +11,8 @@ namespace {
 const std::string kThd = "{corpus}/gen/truehd_20_48k.thd";
 const std::string kSplit = "{corpus}/public/truehd/dts1_truehd_ac3_interleaved.thdac3";
 const std::string kMp2 = "{corpus}/gen/mp2_20_224k.mp2";
+const std::string kMp2Ts = "{corpus}/public/ts/h264_intra_first_mp2x2.ts";
+const std::string kXdcam = "{corpus}/public/ts/xdcam8mp2.ts";
 // The Blu-ray track holding kSplit: ffprobe gives PID 0x1100 as stream 1 (truehd) and 2 (ac3).
 const std::string kM2ts = "{corpus}/public/m2ts/Test_H264_DTS1.m2ts";
 
@@ -51,6 +53,12 @@ TEST(ThdEndToEnd, Table) {
        .same = {{Decode("patched.thd", "s32le"), Decode(kThd, "s32le")}},
        .tools = {"ffmpeg"}},
       {.name = "MP2 listing", .args = {kMp2}, .lines = {"MP2, 2.0 channels, 0:00:06, 224kbit/s, 48khz"}},
+      // MP2 tracks of transport streams, demuxed as ffmpeg copies them.
+      {.name = "MP2 in TS", .args = {kMp2Ts}, .lines = {"2: MP2, 2.0 channels, 224kbit/s, 48khz"}},
+      {.name = "MP2 in XDCAM TS", .args = {kXdcam, "2:", "a.mp2"},
+       .lines = {"2: MP2, 2.0 channels, 384kbit/s, 48khz"},
+       .same = {{"a.mp2", "$ ffmpeg -v error -i " + kXdcam + " -map 0:a:0 -c copy -f mp2 -"}},
+       .tools = {"ffmpeg"}},
       // 100 ms at 224 kbit/s are 2800 bytes: four frames of 672 bytes go.
       {.name = "MP2 delay",
        .args = {kMp2, "out.mp2", "-100ms"},
