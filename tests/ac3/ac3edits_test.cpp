@@ -55,10 +55,10 @@ std::vector<uint8_t> Join(const std::vector<std::vector<uint8_t>>& frames, size_
 }
 
 bool FfmpegDecodesCleanly(const std::string& file) {
-  std::string errors;
-  int code = RunCommand("ffmpeg -nostdin -v error -err_detect crccheck+explode -i '" + file +
-                            "' -f null - 2>&1",
-                        &errors);
+  int code = -1;
+  std::string errors = Pipe("ffmpeg -nostdin -v error -err_detect crccheck+explode -i '" + file +
+                                "' -f null - 2>&1",
+                            &code);
   return code == 0 && errors.empty();
 }
 
@@ -74,15 +74,17 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
                  Case{"e.eac3", "-ac 6 -c:a eac3 -b:a 384k"}, Case{"c.ac3", "-ac 3 -c:a ac3 -b:a 256k"}}) {
     SCOPED_TRACE(c.name);
     std::string source = dir / c.name;
-    ASSERT_EQ(RunCommand(std::string("ffmpeg -nostdin -v error -y -f lavfi -i "
-                                     "sine=frequency=300:sample_rate=48000:duration=0.5 ") +
-                         c.args + " -dialnorm -27 '" + source + "'"),
-              0);
+    int code = -1;
+    Pipe(std::string("ffmpeg -nostdin -v error -y -f lavfi -i "
+                     "sine=frequency=300:sample_rate=48000:duration=0.5 ") +
+             c.args + " -dialnorm -27 '" + source + "'",
+         &code);
+    ASSERT_EQ(code, 0);
     auto stream = ReadBytes(source);
     LogRecorder log;
     ChainRun run = RunChain(stream, {TAc3DialnormRemover::Create()});
     ASSERT_TRUE(run.ok);
-    EXPECT_EQ(log.Count("Removing dialog normalization..."), 1u);
+    EXPECT_EQ(log.Count("Removing dialog normalization..."), 1);
     const auto& out = run.capture->bytes;
     ASSERT_EQ(out.size(), stream.size());
     bool eac3 = std::string(c.name).ends_with(".eac3");
@@ -103,21 +105,6 @@ TEST(Ac3Edits, DialnormRemovalPatchesFieldAndBothCrcs) {
     broken[10] ^= 0x01;
     WriteBytes(patched, broken);
     EXPECT_FALSE(FfmpegDecodesCleanly(patched));
-  }
-}
-
-TEST(Ac3Edits, NeutralDialnormAndKeepDialnormAreBitExact) {
-  SKIP_WITHOUT_CORPUS();
-  for (const char* name : {"gen/ac3_20_192k.ac3", "gen/eac3_20_224k.eac3"}) {
-    auto stream = ReadBytes(CorpusDir() + "/" + name);
-    LogRecorder log;
-    ChainRun kept = RunChain(stream, {});
-    ASSERT_TRUE(kept.ok);
-    EXPECT_EQ(kept.capture->bytes, stream) << name;
-    ChainRun neutral = RunChain(stream, {TAc3DialnormRemover::Create()});  // ffmpeg writes 31
-    ASSERT_TRUE(neutral.ok);
-    EXPECT_EQ(neutral.capture->bytes, stream) << name;
-    EXPECT_EQ(log.Count("Removing dialog normalization..."), 0u);
   }
 }
 
@@ -282,7 +269,7 @@ TEST(Ac3Edits, CoreExtractorKeepsTheIndependentFrame) {
   ChainRun run = RunChain(Repeat(unit, 10), {TEac3CoreExtractor::Create()});
   ASSERT_TRUE(run.ok);
   EXPECT_EQ(run.capture->bytes, Repeat(core, 10));
-  EXPECT_EQ(log.Count("Extracting E-AC3 core..."), 1u);
+  EXPECT_EQ(log.Count("Extracting E-AC3 core..."), 1);
   ASSERT_EQ(run.capture->audioInits.size(), 1u);
   EXPECT_EQ(run.capture->audioInits[0].format, "eac3");
 }

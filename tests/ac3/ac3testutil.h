@@ -1,34 +1,15 @@
-// Helpers of the AC3 family tests: synthetic frames with valid CRCs, a log recorder and running
-// the oracle tools.
+// Helpers of the AC3 family tests: synthetic AC-3 and E-AC-3 frames with valid CRCs.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
-#include <string>
-#include <vector>
-
 #include "ac3/ac3bitstream.h"
-#include "framework/console.h"
 #include "support/capture.h"
-#include "support/e2e.h"
+#include "support/stream.h"
 
 namespace sonvex::ac3test {
 
 using namespace sonvex::test;
-
-class BitWriter {
-public:
-  void Put(int bits, uint32_t value) {
-    for (int i = bits - 1; i >= 0; i--, used++) {
-      if (used % 8 == 0) bytes.push_back(0);
-      if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (used % 8));
-    }
-  }
-  std::vector<uint8_t> bytes;
-  size_t used = 0;
-};
 
 // One AC-3 frame (192 kbit/s, 48 kHz by default) with valid CRCs; the audio blocks are zero bits.
 struct Ac3FrameSpec {
@@ -109,55 +90,9 @@ inline std::vector<uint8_t> RearPairFrame(bool compre = false) {
                         .chanmap = 0x0200});
 }
 
-inline std::vector<uint8_t> Concat(std::initializer_list<std::vector<uint8_t>> parts) {
-  std::vector<uint8_t> out;
-  for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& part, int n) {
-  std::vector<uint8_t> out;
-  for (int i = 0; i < n; i++) out.insert(out.end(), part.begin(), part.end());
-  return out;
-}
-
 // The corpus folder as text; the chain tests of tests/run use these too.
 inline std::string CorpusDir() { return SONVEX_CORPUS; }
 #define SKIP_WITHOUT_AC3_CORPUS() SKIP_WITHOUT_CORPUS()
-
-inline std::vector<uint8_t> ReadBytes(const std::string& name) {
-  std::ifstream in(name, std::ios::binary);
-  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-inline void WriteBytes(const std::string& name, const std::vector<uint8_t>& bytes) {
-  std::ofstream(name, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-}
-
-// Runs a shell command; returns its exit code and fills `output` with its standard output.
-inline int RunCommand(const std::string& command, std::string* output = nullptr) {
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return -1;
-  char buffer[4096];
-  std::string text;
-  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
-  int status = pclose(pipe);
-  if (output) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Records the lines the stages log while it lives.
-struct LogRecorder {
-  LogRecorder() {
-    SetLogHook([this](int level, const std::string& text) { lines.push_back({level, text}); });
-  }
-  ~LogRecorder() { SetLogHook(nullptr); }
-  bool Has(int level, const std::string& text) const {
-    return std::find(lines.begin(), lines.end(), std::pair{level, text}) != lines.end();
-  }
-  size_t Count(const std::string& text) const {
-    return size_t(std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.second == text; }));
-  }
-  std::vector<std::pair<int, std::string>> lines;
-};
+using LogRecorder = TLog;
 
 }  // namespace sonvex::ac3test

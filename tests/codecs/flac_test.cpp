@@ -101,15 +101,15 @@ TEST(Flac, CorruptFrameAbortsWithCrcMessageAndCutStreamEndsCleanly) {
   ASSERT_GT(flac.size(), 60000u);
   auto damaged = flac;
   damaged[flac.size() / 2] ^= 0x10;
-  LogLines errors(2);
+  TLog errors;
   bool ok = true;
   DecodeFlac(damaged, 4096, ok, false);
   EXPECT_FALSE(ok);
-  ASSERT_FALSE(errors.lines.empty());
-  EXPECT_TRUE(errors.lines[0] == "The frame's data did not match the CRC in the footer." ||
-              errors.lines[0] == "An error in the stream caused the FLAC decoder to lose synchronization." ||
-              errors.lines[0] == "The FLAC decoder encountered a corrupted frame header.")
-      << errors.lines[0];
+  ASSERT_FALSE(errors.Texts(2).empty());
+  EXPECT_TRUE(errors.Texts(2)[0] == "The frame's data did not match the CRC in the footer." ||
+              errors.Texts(2)[0] == "An error in the stream caused the FLAC decoder to lose synchronization." ||
+              errors.Texts(2)[0] == "The FLAC decoder encountered a corrupted frame header.")
+      << errors.Texts(2)[0];
 
   flac.resize(flac.size() * 2 / 3);
   auto capture = DecodeFlac(flac, 4096, ok);

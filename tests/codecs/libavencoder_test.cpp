@@ -61,10 +61,10 @@ TEST(Ac3Encoder, BitrateTable) {
     EXPECT_EQ(info.frameSize, kbits * 4);  // 1536 samples at 48 kHz: 32 ms
   }
   for (uint32_t kbits : {31u, 500u, 639u, 768u, 1536u}) {
-    LogLines log;
+    TLog log;
     auto encoder = TAc3Encoder::Create(kbits);
     EXPECT_FALSE(encoder->IsValid());
-    EXPECT_EQ(log.lines, std::vector<std::string>{"This bitrate isn't supported by the AC3 encoder."});
+    EXPECT_EQ(log.Texts(), std::vector<std::string>{"This bitrate isn't supported by the AC3 encoder."});
     EXPECT_FALSE(encoder->InitAudio("pcm", 2, 16, 48000, false, 0));
   }
 }
@@ -80,9 +80,9 @@ TEST(DtsEncoder, BitrateTable) {
     EXPECT_EQ(info.coreSize, kbits * 4 / 3);  // 512 samples at 48 kHz
   }
   for (uint32_t kbits : {448u, 640u, 1000u}) {
-    LogLines log;
+    TLog log;
     EXPECT_FALSE(TDtsEncoder::Create(kbits)->IsValid());
-    EXPECT_EQ(log.lines, std::vector<std::string>{"This bitrate isn't supported by the DTS encoder."});
+    EXPECT_EQ(log.Texts(), std::vector<std::string>{"This bitrate isn't supported by the DTS encoder."});
   }
 }
 
@@ -118,19 +118,19 @@ TEST(LibavEncoders, RefusedFormats) {
       encoder = TAc3Encoder::Create(448);
     auto capture = TCapture::Create();
     encoder->SetUpStream(capture);
-    LogLines log;
+    TLog log;
     EXPECT_FALSE(encoder->InitAudio(c.format, c.channels, c.bits, c.rate, c.bigEndian, 0));
     EXPECT_FALSE(encoder->IsValid());
-    ASSERT_FALSE(log.lines.empty());
-    EXPECT_EQ(log.lines.back(), c.message) << c.channels << " " << c.bits << " " << c.rate;
+    ASSERT_FALSE(log.Texts().empty());
+    EXPECT_EQ(log.Texts().back(), c.message) << c.channels << " " << c.bits << " " << c.rate;
     EXPECT_FALSE(encoder->Write(0, false, nullptr, 0, -1, false));
     EXPECT_TRUE(capture->bytes.empty());
   }
   // A stage with nowhere to send.
-  LogLines log;
+  TLog log;
   auto lonely = TAc3Encoder::Create(448);
   EXPECT_FALSE(lonely->InitAudio("pcm", 2, 16, 48000, false, 0));
-  EXPECT_EQ(log.lines, std::vector<std::string>{"The AC3 encoder upstream property is not set."});
+  EXPECT_EQ(log.Texts(), std::vector<std::string>{"The AC3 encoder upstream property is not set."});
 }
 
 // WAV masks: taken where the encoder has the layout (the surround pair as side or back, no mask
@@ -157,12 +157,12 @@ TEST(LibavEncoders, ChannelMasks) {
       encoder = TAc3Encoder::Create(448);
     encoder->SetChannelMask(c.mask);
     encoder->SetUpStream(TCapture::Create());
-    LogLines log(1);
+    TLog log;
     EXPECT_EQ(encoder->InitAudio("pcm", c.channels, 16, 48000, false, 0), c.taken)
         << c.channels << " channels, mask " << c.mask;
     if (!c.taken) {
       const std::string family = c.dts ? "DTS" : "AC3";
-      EXPECT_EQ(log.lines, std::vector<std::string>{"The " + family +
+      EXPECT_EQ(log.Texts(1), std::vector<std::string>{"The " + family +
                                                     " encoder didn't accept this channel "
                                                     "configuration."});
     }
@@ -243,12 +243,12 @@ TEST(LibavEncoders, RefusingNextStageStopsTheStream) {
   encoder->SetUpStream(capture);
   ASSERT_TRUE(encoder->InitAudio("pcm", 2, 16, 48000, false, 0));
   capture->acceptWrites = false;
-  LogLines log;
+  TLog log;
   auto pcm = Sine(4000, 2, 16, 48000);
   EXPECT_FALSE(encoder->Write(0, false, pcm.data(), uint32_t(pcm.size()), -1, false));
   EXPECT_EQ(capture->blocks.size(), 1u);
   EXPECT_FALSE(encoder->Finish());
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.Texts().empty());
 }
 
 }  // namespace

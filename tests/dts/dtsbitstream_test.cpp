@@ -166,16 +166,14 @@ TEST(DtsExtension, CutOffInconsistentAndPadding) {
 }
 
 TEST(DtsDump, CoreAndSubstreamLines) {
-  LogLines lines;
+  TLog log;
   {
-    LogCollector collect(lines);
     auto frame = CoreFrame({.crc = true, .dialnorm = 3});
     auto sub = Substream(kXll, 200);
     frame.insert(frame.end(), sub.begin(), sub.end());
     ParseDtsFrame(frame.data(), uint32_t(frame.size()), true, true);
   }
-  std::vector<std::string> text;
-  for (auto& line : lines) text.push_back(line.second);
+  std::vector<std::string> text = log.Texts();
   const std::vector<std::string> expected = {
       "+ DTS-Core",
       "  - frameSize            1006",

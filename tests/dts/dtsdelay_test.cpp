@@ -46,7 +46,7 @@ struct StageRun {
 
 StageRun RunDelay(int32_t delay, uint32_t rate, const std::vector<std::vector<uint8_t>>& frames) {
   StageRun run;
-  LogCollector collect(run.log);
+  TLog logged;
   auto delayer = TDtsDelayer::Create();
   delayer->AppendUpStream(run.capture);
   delayer->SetDelay(0, delay);
@@ -56,6 +56,7 @@ StageRun RunDelay(int32_t delay, uint32_t rate, const std::vector<std::vector<ui
   EXPECT_TRUE(delayer->Finish());
   // The delayer applies the delay and doesn't hand it on.
   EXPECT_TRUE(run.capture->delaysSeen.empty());
+  run.log = logged.lines;
   return run;
 }
 
@@ -104,13 +105,14 @@ std::string GapData(const std::vector<std::pair<double, double>>& entries) {
 StageRun RunGaps(const std::string& gapData, const std::vector<std::vector<uint8_t>>& frames,
                uint32_t rate = 48000) {
   StageRun run;
-  LogCollector collect(run.log);
+  TLog logged;
   auto realizer = TDtsGapRealizer::Create(gapData);
   realizer->AppendUpStream(run.capture);
   EXPECT_TRUE(realizer->InitAudio("dts", 6, 24, rate, false, 0));
   for (auto& frame : frames)
     EXPECT_TRUE(realizer->Write(0, false, frame.data(), uint32_t(frame.size()), 5, false));
   EXPECT_TRUE(realizer->Finish());
+  run.log = logged.lines;
   return run;
 }
 

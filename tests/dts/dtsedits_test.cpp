@@ -18,12 +18,13 @@ struct EditRun {
 EditRun RunEdit(const UpStreamRef& stage, const std::vector<std::vector<uint8_t>>& frames,
                 const std::string& format = "dts") {
   EditRun run;
-  LogCollector collect(run.log);
+  TLog logged;
   stage->AppendUpStream(run.capture);
   run.ok = stage->InitAudio(format, 6, 24, 48000, false, 0);
   for (auto& frame : frames)
     if (run.ok) run.ok = stage->Write(0, false, frame.data(), uint32_t(frame.size()), 77, false);
   if (run.ok) run.ok = stage->Finish();
+  run.log = logged.lines;
   return run;
 }
 
@@ -168,10 +169,9 @@ TEST(DtsCoreExtractor, MatchesFfmpegCoreFilter) {
 
     auto edited = ExtractCore(stream, true);
     const std::string path = dir / "edited.dts";
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(edited.data()), std::streamsize(edited.size()));
+    WriteBytes(path, edited);
     std::string errors =
-        Capture("ffmpeg -nostdin -v error -f dts -i '" + path + "' -f null - 2>&1");
+        Pipe("ffmpeg -nostdin -v error -f dts -i '" + path + "' -f null - 2>&1");
     EXPECT_EQ(errors, "");
   }
 }

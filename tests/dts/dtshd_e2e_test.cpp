@@ -1,51 +1,114 @@
-// DTS beyond the plain stream: .dtshd container files, DTS-HD without core, the Hi-Res bit rate,
-// a damaged frame size, and DTS in a transport stream without descriptors. Oracles: the raw
-// streams beside the .dtshd files, ffmpeg's -bsf:a dca_core, the reference WAVs, ffprobe.
+// DTS beyond the plain stream through the real binary, as a table: .dtshd container files,
+// DTS-HD without core, the Hi-Res bit rate, a damaged frame size, and DTS in a transport stream
+// without descriptors. Oracles: the raw streams beside the .dtshd files, ffmpeg's -bsf:a dca_core,
+// the reference WAVs, ffprobe.
 #include <gtest/gtest.h>
 
 #include "dtstestutil.h"
+#include "support/e2e_table.h"
 
 namespace sonvex::dtstest {
 namespace {
 
 fs::path DtsDir() { return CorpusDir() / "public/dts"; }
+const std::string kDts = "{corpus}/public/dts/";
+const char* const kNotClean = "This track is not clean. Processing aborted.";
 
-void WriteBytes(const fs::path& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-}
-
-std::vector<std::string> DtshdStems() {
-  std::vector<std::string> stems;
-  for (const auto& entry : fs::directory_iterator(DtsDir()))
-    if (entry.path().extension() == ".dtshd" && fs::exists(fs::path(entry.path()).replace_extension(".dts")))
-      stems.push_back(entry.path().stem().string());
-  std::sort(stems.begin(), stems.end());
-  return stems;
-}
-
-// Every .dtshd copies to its raw stream, and its core is ffmpeg's.
-TEST(DtsHdFile, CopiesToTheRawStreamAndGivesFfmpegsCore) {
-  SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffmpeg");
-  TempDir dir;
-  auto stems = DtshdStems();
-  ASSERT_GE(stems.size(), 7u);
-  for (const std::string& stem : stems) {
-    SCOPED_TRACE(stem);
-    std::string source = (DtsDir() / (stem + ".dtshd")).string();
-    RunResult r = RunSonvex({source, stem + ".dts", "-keepDialnorm", "-dontPatchDts"}, dir.path());
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_EQ(ReadBytes(dir / (stem + ".dts")), ReadBytes(DtsDir() / (stem + ".dts")));
-    r = RunSonvex({source, stem + ".core.dts", "-core", "-keepDialnorm", "-dontPatchDts"},
-                  dir.path());
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    ASSERT_EQ(std::system(("ffmpeg -v error -y -i '" + source + "' -c copy -bsf:a dca_core -f dts '" +
-                           (dir / (stem + ".ff.dts")) + "'")
-                              .c_str()),
-              0);
-    EXPECT_EQ(ReadBytes(dir / (stem + ".core.dts")), ReadBytes(dir / (stem + ".ff.dts")));
+// A stream of DTS-HD substreams only: the cores cut out of a Master Audio stream.
+void MakeCoreless(const fs::path& dir) {
+  auto stream = ReadBytes(DtsDir() / "xll_51_24_48_768.dts");
+  std::vector<uint8_t> coreless;
+  for (size_t at = 0; at < stream.size();) {
+    uint32_t core = DtsCoreSize(stream.data() + at);
+    size_t next = at + core;
+    while (next + 4 <= stream.size() && !DtsSyncAt(stream.data(), stream.size(), next, kDtsCoreSync)) next++;
+    if (next + 4 > stream.size()) next = stream.size();
+    coreless.insert(coreless.end(), stream.begin() + long(at + core), stream.begin() + long(next));
+    at = next;
   }
+  WriteBytes(dir / "hd.dtsma", coreless);
+}
+
+// The frame size of frame 20 of a DTS-ES stream made larger or smaller by `delta`.
+std::function<void(const fs::path&)> DamageFrameSize(int delta) {
+  return [delta](const fs::path& dir) {
+    auto stream = ReadBytes(DtsDir() / "dts_es_61.dts");
+    uint32_t frame = DtsCoreSize(stream.data());
+    uint8_t* p = stream.data() + frame * 20;
+    uint32_t size = DtsCoreSize(p) - 1 + uint32_t(delta ? delta : int(frame));
+    p[5] = uint8_t((p[5] & 0xFC) | (size >> 12));
+    p[6] = uint8_t(size >> 4);
+    p[7] = uint8_t((p[7] & 0x0F) | (size & 15) << 4);
+    WriteBytes(dir / "x.dts", stream);
+  };
+}
+
+std::string Core(const std::string& source) {
+  return "$ ffmpeg -v error -i " + source + " -c copy -bsf:a dca_core -f dts -";
+}
+
+TEST(DtsEndToEnd, Table) {
+  SKIP_WITHOUT_CORPUS();
+  const std::string ts = "{corpus}/public/ts/dts_in_ts.ts";
+  const std::string xbr = kDts + "xbr_51_24_48_3840";
+  std::vector<TE2eCase> cases = {
+      // Hi-Res lists the core's coded rate (ffprobe's rate of ffmpeg's dca_core) grown by the
+      // extension's share of the stream, with the product in 64 bits: in 32 bits it wraps to 1,774.
+      {.name = "Hi-Res bit rate in 64 bits",
+       .args = {xbr + ".dtshd"},
+       .lines = {"DTS Hi-Res, 5.1 channels, 0:00:00, 24 bits, 3,908kbit/s, 48khz"},
+       .before = {"ffmpeg -v error -i " + xbr + ".dtshd -c copy -bsf:a dca_core -f dts core.dts && "
+                  "test $(( $(ffprobe -v error -f dts -show_entries stream=bit_rate -of csv=p=0 core.dts)"
+                  " * $(stat -c %s " + xbr + ".dts) / $(stat -c %s core.dts) / 1000 )) = 3908"},
+       .tools = {"ffmpeg", "ffprobe"}},
+      {.name = "DTS-HD without core listing",
+       .args = {"hd.dtsma"},
+       .lines = {"DTS Master Audio, 5.1 channels, 24 bits, 48khz"},
+       .before = {"test \"$(ffprobe -v error -f dts -show_entries stream=profile,channels,sample_rate "
+                  "-of csv=p=0 hd.dtsma)\" = 'DTS-HD MA,48000,6'"},
+       .tools = {"ffprobe"},
+       .make = MakeCoreless},
+      {.name = "DTS-HD without core copy",
+       .args = {"hd.dtsma", "copy.dtsma"},
+       .same = {{"copy.dtsma", "hd.dtsma"}},
+       .make = MakeCoreless},
+      // DTS in a TS, stream type 6 with no descriptor: found by its payload.
+      {.name = "DTS in TS listing",
+       .args = {ts},
+       .lines = {"1: DTS, 5.1 channels, 24 bits, 768kbit/s, 48khz"},
+       .before = {"ffprobe -v error -select_streams a:0 -show_entries stream=codec_name,channels,"
+                  "sample_rate,bit_rate -of csv=p=0 " + ts + " | grep -qx dts,48000,6,768000"},
+       .tools = {"ffprobe"}},
+      {.name = "DTS in TS demux",
+       .args = {ts, "1:", "out.dts", "-keepDialnorm", "-dontPatchDts"},
+       .same = {{"out.dts", "$ ffmpeg -v error -i " + ts + " -map 0:a:0 -c copy -f dts -"}},
+       .tools = {"ffmpeg"}},
+  };
+  // Every .dtshd copies to its raw stream, and its core is ffmpeg's.
+  int stems = 0;
+  for (const auto& entry : fs::directory_iterator(DtsDir())) {
+    fs::path raw = fs::path(entry.path()).replace_extension(".dts");
+    if (entry.path().extension() != ".dtshd" || !fs::exists(raw)) continue;
+    std::string source = entry.path().string();
+    stems++;
+    cases.push_back({.name = source,
+                     .args = {source, "copy.dts", "-keepDialnorm", "-dontPatchDts"},
+                     .same = {{"copy.dts", raw.string()}}});
+    cases.push_back({.name = source + " core",
+                     .args = {source, "core.dts", "-core", "-keepDialnorm", "-dontPatchDts"},
+                     .same = {{"core.dts", Core(source)}},
+                     .tools = {"ffmpeg"}});
+  }
+  EXPECT_GE(stems, 7);
+  // A frame size damaged in the middle of the stream, larger or smaller: the "not clean" pair.
+  for (int delta : {-64, 64, 0})
+    cases.push_back({.name = "damaged frame size " + std::to_string(delta),
+                     .args = {"x.dts", "y.dts"},
+                     .exitCode = 1,
+                     .messages = {kNotClean},
+                     .absent = {"y.dts"},
+                     .make = DamageFrameSize(delta)});
+  RunE2eTable(cases);
 }
 
 // Samples of a WAV file's data chunk as signed values, channel after channel interleaved.
@@ -80,7 +143,7 @@ Wav ReadWav(const fs::path& path) {
 }
 
 // The lossless files decode to the reference WAVs bit for bit (they begin 1024 samples in).
-TEST(DtsHdFile, LosslessDecodeEqualsTheReferenceWavs) {
+TEST(DtsEndToEnd, LosslessDecodeEqualsTheReferenceWavs) {
   SKIP_WITHOUT_CORPUS();
   TempDir dir;
   struct Case {
@@ -112,101 +175,6 @@ TEST(DtsHdFile, LosslessDecodeEqualsTheReferenceWavs) {
     }
     fs::remove(dir / "out.wav");
   }
-}
-
-// Hi-Res lists the core's coded rate (ffprobe's rate of ffmpeg's dca_core) grown by the
-// extension's share of the stream, with the product in 64 bits: in 32 bits it wraps to 1,774.
-TEST(DtsHdFile, HiResBitRateIsTakenIn64Bits) {
-  SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffmpeg");
-  TempDir dir;
-  std::string source = (DtsDir() / "xbr_51_24_48_3840.dtshd").string();
-  ASSERT_EQ(std::system(("ffmpeg -v error -y -i '" + source + "' -c copy -bsf:a dca_core -f dts '" +
-                         dir / "core.dts" + "'")
-                            .c_str()),
-            0);
-  uint64_t coreRate = std::stoull(ProbeFacts(dir / "core.dts")["bit_rate"]);
-  ASSERT_EQ(coreRate, 1536000u);
-  uint64_t rate = coreRate * fs::file_size(DtsDir() / "xbr_51_24_48_3840.dts") /
-                  fs::file_size(dir / "core.dts");
-  ASSERT_EQ(rate / 1000, 3908u);
-  RunResult r = RunSonvex({source}, dir.path());
-  EXPECT_TRUE(r.HasLine("DTS Hi-Res, 5.1 channels, 0:00:00, 24 bits, 3,908kbit/s, 48khz")) << r.out;
-}
-
-// A stream of DTS-HD substreams only (the cores cut out of a Master Audio stream): listed with
-// ffprobe's facts and copied byte for byte.
-TEST(DtsHdFile, StreamWithoutCoreIsListedAndCopied) {
-  SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffprobe");
-  TempDir dir;
-  auto stream = ReadBytes(DtsDir() / "xll_51_24_48_768.dts");
-  std::vector<uint8_t> coreless;
-  for (size_t at = 0; at < stream.size();) {
-    uint32_t core = DtsCoreSize(stream.data() + at);
-    size_t next = at + core;
-    while (next + 4 <= stream.size() && !DtsSyncAt(stream.data(), stream.size(), next, kDtsCoreSync)) next++;
-    if (next + 4 > stream.size()) next = stream.size();
-    coreless.insert(coreless.end(), stream.begin() + long(at + core), stream.begin() + long(next));
-    at = next;
-  }
-  WriteBytes(dir / "hd.dtsma", coreless);
-  auto facts = ProbeFacts((dir / "hd.dtsma"));
-  ASSERT_EQ(facts["profile"], "DTS-HD MA");
-  ASSERT_EQ(facts["channels"], "6");
-  ASSERT_EQ(facts["sample_rate"], "48000");
-  RunResult r = RunSonvex({"hd.dtsma"}, dir.path());
-  EXPECT_TRUE(r.HasLine("DTS Master Audio, 5.1 channels, 24 bits, 48khz")) << r.out << r.err;
-  r = RunSonvex({"hd.dtsma", "copy.dtsma"}, dir.path());
-  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_EQ(ReadBytes(dir / "copy.dtsma"), coreless);
-}
-
-// A frame size damaged in the middle of the stream, larger or smaller: the "not clean" pair.
-TEST(DtsHdFile, DamagedFrameSizeEndsTheRun) {
-  SKIP_WITHOUT_CORPUS();
-  TempDir dir;
-  auto stream = ReadBytes(DtsDir() / "dts_es_61.dts");
-  uint32_t frame = DtsCoreSize(stream.data());
-  ASSERT_GT(stream.size(), frame * 40);
-  for (int delta : {-64, 64, int(frame)}) {
-    SCOPED_TRACE(delta);
-    auto damaged = stream;
-    uint8_t* p = damaged.data() + frame * 20;
-    uint32_t size = DtsCoreSize(p) - 1 + uint32_t(delta);
-    p[5] = uint8_t((p[5] & 0xFC) | (size >> 12));
-    p[6] = uint8_t(size >> 4);
-    p[7] = uint8_t((p[7] & 0x0F) | (size & 15) << 4);
-    WriteBytes(dir / "x.dts", damaged);
-    RunResult r = RunSonvex({"x.dts", "y.dts"}, dir.path());
-    EXPECT_EQ(r.exitCode, 1);
-    std::string all = r.out + r.err;
-    EXPECT_NE(all.find("This track is not clean. Processing aborted."), std::string::npos) << all;
-    EXPECT_FALSE(fs::exists(dir / "y.dts"));
-  }
-}
-
-// DTS in a TS, stream type 6 with no descriptor: listed with ffprobe's facts, demuxed as
-// ffmpeg -c copy gives it.
-TEST(DtsInTs, PrivateStreamWithoutDescriptorIsFoundByItsPayload) {
-  SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffmpeg");
-  TempDir dir;
-  std::string source = (CorpusDir() / "public/ts/dts_in_ts.ts").string();
-  std::string facts = Capture("ffprobe -v error -select_streams a:0 -show_entries "
-                              "stream=codec_name,channels,sample_rate,bit_rate -of csv=p=0 '" +
-                              source + "'");
-  ASSERT_EQ(facts.substr(0, facts.find('\n')), "dts,48000,6,768000");
-  RunResult r = RunSonvex({source}, dir.path());
-  EXPECT_EQ(r.exitCode, 0);
-  EXPECT_TRUE(r.HasLine("1: DTS, 5.1 channels, 24 bits, 768kbit/s, 48khz")) << r.out << r.err;
-  r = RunSonvex({source, "1:", "out.dts", "-keepDialnorm", "-dontPatchDts"}, dir.path());
-  ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-  ASSERT_EQ(std::system(("ffmpeg -v error -y -i '" + source + "' -map 0:a:0 -c copy -f dts '" +
-                         (dir / "ff.dts") + "'")
-                            .c_str()),
-            0);
-  EXPECT_EQ(ReadBytes(dir / "out.dts"), ReadBytes(dir / "ff.dts"));
 }
 
 }  // namespace

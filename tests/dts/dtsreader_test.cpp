@@ -48,7 +48,7 @@ TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
     ASSERT_TRUE(run.ok);
     EXPECT_EQ(run.capture->bytes, bytes);  // no padding in these: every byte is a frame's
     auto details = run.reader->AudioDetails();
-    auto facts = ProbeFacts(CorpusDir() / c.file);
+    auto facts = DtsFacts(CorpusDir() / c.file);
     EXPECT_EQ(details->Format(), c.tag);
     EXPECT_EQ(details->Name(), NameOfProfile(facts["profile"]));
     EXPECT_EQ(std::to_string(details->Channels()), facts["channels"]);
@@ -69,19 +69,6 @@ TEST(DtsReaderCorpus, ListingAgreesWithFfprobeAndFileNames) {
               0u)
         << details->Description();
   }
-}
-
-// Hi-Res grows the core's rate by the extension's share, the product taken in 64 bits (in 32
-// bits it wraps for this stream and gives 1,774,032).
-TEST(DtsReaderCorpus, HiResBitrateFromFrameSizes) {
-  SKIP_WITHOUT_CORPUS();
-  auto bytes = ReadBytes(CorpusDir() / "public/dts/xbr_51_24_48_3840.dts");
-  auto run = RunReader(bytes);
-  ASSERT_TRUE(run.ok);
-  uint32_t core = DtsCoreSize(bytes.data());
-  uint32_t extension = uint32_t(bytes.size() / run.capture->blocks.size()) - core;
-  EXPECT_EQ(run.reader->AudioDetails()->Bitrate(),
-            1536000u + uint32_t(uint64_t(1536000u) * extension / core));
 }
 
 // 96/24 is shown at 96 kHz but timed at the core's 48 kHz.
@@ -215,25 +202,14 @@ TEST(DtsReader, EmptyStream) {
   EXPECT_EQ(run.log, (LogLines{{2, "The stream doesn't seem to contain any valid DTS frames."}}));
 }
 
-TEST(DtsReader, ParserBattery) {
-  std::vector<uint8_t> stream;
-  for (int i = 0; i < 12; i++) {
-    auto frame = CoreFrame({.fillByte = uint8_t(i * 17 + 1)});
-    stream.insert(stream.end(), frame.begin(), frame.end());
-  }
-  RunParserBattery([] { return TDtsReader::Create(); }, stream, stream);
-  auto hd = Repeat(HdFrame(kXll, 700), 8);  // the same with DTS-HD frames
-  RunParserBattery([] { return TDtsReader::Create(); }, hd, hd);
-}
-
-
 // A 40 s stream, each frame in its own block stamped as a demuxer would, with a jump of `jump`
 // ticks in the stamps from frame 500 (5.3 s) on.
 ReaderRun RunStamped(int64_t jump, const std::string& gapFile) {
   auto frame = CoreFrame({});
   const int frames = 3750;
   ReaderRun run;
-  LogCollector collect(run.log);
+  TLog logged;
+  run.capture = TCapture::Create();
   run.reader = TDtsReader::Create(gapFile);
   run.reader->AppendUpStream(run.capture);
   bool ok = run.reader->InitAudio("?", 1, 8, 48000, false, int64_t(frame.size()) * frames);
@@ -242,6 +218,7 @@ ReaderRun RunStamped(int64_t jump, const std::string& gapFile) {
     ok = run.reader->Write(0, false, frame.data(), uint32_t(frame.size()), stamp, false);
   }
   run.ok = ok && run.reader->Finish();
+  run.log = logged.lines;
   return run;
 }
 

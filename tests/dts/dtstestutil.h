@@ -1,38 +1,17 @@
-// Helpers of the DTS tests: a bit writer for synthetic frames, a log collector, a run of
-// TDtsReader over a byte string and ffprobe's facts.
+// Helpers of the DTS tests: synthetic core frames and extension substreams, a run of TDtsReader
+// over a byte string and ffprobe's facts.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
-#include <map>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include "dts/dtsreader.h"
-#include "framework/console.h"
 #include "support/battery.h"
-#include "support/capture.h"
-#include "support/e2e.h"
+#include "support/stream.h"
 
 namespace sonvex::dtstest {
 
 using namespace sonvex::test;
 using LogLines = std::vector<std::pair<int, std::string>>;
-
-class BitWriter {
-public:
-  void Put(int bits, uint64_t value) {
-    for (int i = bits - 1; i >= 0; i--, count++) {
-      if (count % 8 == 0) bytes.push_back(0);
-      if (value >> i & 1) bytes.back() |= uint8_t(0x80 >> (count % 8));
-    }
-  }
-  std::vector<uint8_t> bytes;
-  size_t count = 0;
-};
 
 // Fields of a synthetic core frame; the defaults give 5.1 at 48 kHz, 768 kbit/s, 16 bit.
 struct CoreFields {
@@ -139,30 +118,10 @@ inline std::vector<uint8_t> HdFrame(const uint8_t (&type)[4], uint32_t assetSize
   return frame;
 }
 
-inline std::vector<uint8_t> Repeat(const std::vector<uint8_t>& frame, int count) {
-  std::vector<uint8_t> out;
-  for (int i = 0; i < count; i++) out.insert(out.end(), frame.begin(), frame.end());
-  return out;
-}
-
-inline std::vector<uint8_t> ReadBytes(const fs::path& path) {
-  std::string text = ReadFile(path);
-  return std::vector<uint8_t>(text.begin(), text.end());
-}
-
-// Collects the console lines for the lifetime of the object.
-class LogCollector {
-public:
-  explicit LogCollector(LogLines& lines) {
-    SetLogHook([&lines](int level, const std::string& text) { lines.push_back({level, text}); });
-  }
-  ~LogCollector() { SetLogHook(nullptr); }
-};
-
 struct ReaderRun {
   bool ok = false;
   std::shared_ptr<TDtsReader> reader;
-  std::shared_ptr<TCapture> capture = TCapture::Create();
+  std::shared_ptr<TCapture> capture;
   LogLines log;
   bool Logged(int level, const std::string& text) const {
     return std::find(log.begin(), log.end(), std::pair{level, text}) != log.end();
@@ -173,40 +132,15 @@ struct ReaderRun {
 inline ReaderRun RunReader(const std::vector<uint8_t>& stream,
                            std::shared_ptr<TDtsReader> reader = TDtsReader::Create(),
                            size_t piece = 65536) {
-  ReaderRun run;
-  LogCollector collect(run.log);
-  run.reader = reader;
-  reader->AppendUpStream(run.capture);
-  bool ok = reader->InitAudio("?", 1, 8, 48000, false, int64_t(stream.size()));
-  for (size_t at = 0; ok && at < stream.size(); at += piece)
-    ok = reader->Write(0, false, stream.data() + at,
-                       uint32_t(std::min(piece, stream.size() - at)), -1, false);
-  run.ok = ok && reader->Finish();
-  return run;
-}
-
-// Runs a command and returns what it printed on standard output.
-inline std::string Capture(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return out;
-  char chunk[4096];
-  for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;) out.append(chunk, n);
-  pclose(pipe);
-  return out;
+  TLog log;
+  PushResult r = Push(reader, stream, piece);
+  return {r.ok, reader, r.capture, log.lines};
 }
 
 // ffprobe's facts of the first audio stream as key -> value.
-inline std::map<std::string, std::string> ProbeFacts(const std::string& path) {
-  std::map<std::string, std::string> facts;
-  std::istringstream lines(Capture(
-      "ffprobe -v error -f dts -select_streams a:0 -show_entries "
-      "stream=profile,channels,sample_rate,bit_rate,bits_per_raw_sample -of default=nw=1 '" +
-      path + "'"));
-  for (std::string line; std::getline(lines, line);)
-    if (size_t eq = line.find('='); eq != std::string::npos)
-      facts[line.substr(0, eq)] = line.substr(eq + 1);
-  return facts;
+inline std::map<std::string, std::string> DtsFacts(const std::string& path) {
+  return ProbeFacts(path, "stream=profile,channels,sample_rate,bit_rate,bits_per_raw_sample",
+                    "-f dts");
 }
 
 }  // namespace sonvex::dtstest

@@ -1,28 +1,16 @@
-// Helpers of the file stage tests: whole-file reads and writes, a byte pattern, a recorder of
-// the lines that stages log, and the transport/program stream pieces the source probe tests
-// build with a small bit writer: PAT, PMT, PES headers, TS packets, pack headers and DSI packets.
+// Helpers of the file stage tests: a byte pattern, and the transport/program stream pieces the
+// source probe tests build: PAT, PMT, PES headers, TS packets, pack headers and DSI packets.
 #pragma once
 
-#include <cstdint>
-#include <fstream>
-#include <string>
-#include <vector>
-
-#include "framework/console.h"
-#include "support/e2e.h"
+#include "support/stream.h"
 
 namespace sonvex::filestest {
 using namespace ::sonvex::test;
 
-inline std::vector<uint8_t> ReadWhole(const std::string& name) {
-  std::string text = ReadFile(name);
-  return std::vector<uint8_t>(text.begin(), text.end());
-}
-
-inline void WriteWhole(const std::string& name, const std::vector<uint8_t>& bytes) {
-  std::ofstream(name, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-}
+inline Bytes ReadWhole(const std::string& name) { return ReadBytes(name); }
+inline void WriteWhole(const std::string& name, const Bytes& bytes) { WriteBytes(name, bytes); }
+using TLogRecorder = TLog;
+using TBitWriter = BitWriter;
 
 // A pattern that differs at every position of a few MiB, so that any shifted byte shows.
 inline std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
@@ -34,34 +22,6 @@ inline std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
   }
   return bytes;
 }
-
-// Records the lines logged while it lives.
-class TLogRecorder {
-public:
-  TLogRecorder() {
-    SetLogHook([this](int level, const std::string& text) { lines.push_back({level, text}); });
-  }
-  ~TLogRecorder() { SetLogHook(nullptr); }
-  bool Has(int level, const std::string& text) const {
-    return std::find(lines.begin(), lines.end(), std::pair{level, text}) != lines.end();
-  }
-  std::vector<std::pair<int, std::string>> lines;
-};
-
-class TBitWriter {
-public:
-  void Put(int bits, uint64_t value) {
-    for (int i = bits - 1; i >= 0; i--) {
-      if (fill == 0) bytes.push_back(0);
-      bytes.back() |= uint8_t(((value >> i) & 1) << (7 - fill));
-      fill = (fill + 1) & 7;
-    }
-  }
-  std::vector<uint8_t> bytes;
-
-private:
-  int fill = 0;
-};
 
 // A PES header with a PTS and no payload length (video style).
 inline std::vector<uint8_t> PesHeader(uint8_t streamId, int64_t pts) {

@@ -186,20 +186,6 @@ std::vector<uint8_t> MakeTs(uint32_t packetSize, int64_t firstPts, int frames) {
   return ts;
 }
 
-TEST(SourceProbe, TransportStreamPlayTimeAndStamps) {
-  TempDir dir;
-  for (uint32_t packetSize : {188u, 192u}) {
-    SCOPED_TRACE(packetSize);
-    WriteWhole(dir / "a.ts", MakeTs(packetSize, 900000, 50));
-    auto source = TSourceFiles::Create({dir / "a.ts"}, 24000, 1001, 0);
-    EXPECT_TRUE(source->IsTs());
-    // Video stamps win over the earlier audio ones.
-    EXPECT_EQ(source->PlayTime(), 49 * 3753);
-    EXPECT_EQ(source->FirstStamps(), std::vector<int64_t>{900000});
-    EXPECT_EQ(source->LastStamps(), std::vector<int64_t>{900000 + 50 * 3753});
-  }
-}
-
 TEST(SourceProbe, JoinedTransportStreamsGetASeamWhereStampsJump) {
   TempDir dir;
   WriteWhole(dir / "a.ts", MakeTs(192, 900000, 20));

@@ -1,7 +1,5 @@
 // MPEG-1 audio: header parser, reader, delayer and gap realizer, on synthetic headers, the
 // generated corpus stream and the MP2 tracks that ffmpeg copies out of real transport streams.
-#include <sstream>
-
 #include "mp2/mp2bitstream.h"
 #include "mp2/mp2edits.h"
 #include "mp2/mp2reader.h"
@@ -99,53 +97,6 @@ TEST(Mp2Reader, CorpusStreamListsAndCopiesBitExact) {
             "MP2, 2.0 channels, 0:00:06, 224kbit/s, 48khz");
   EXPECT_EQ(capture->blocks.size(), 250u);
   EXPECT_TRUE(capture->bytes == bytes);
-
-  std::vector<uint8_t> head(bytes.begin(), bytes.begin() + 672 * 40);
-  RunParserBattery([] { return TMp2Reader::Create("", "", false); }, head, head);
-  RunParserBattery([] { return TMp2Reader::Create(); }, head, head);
-}
-
-TEST(Mp2Reader, TransportStreamTracksCopiedByFfmpeg) {
-  SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffmpeg");
-  TempDir scratch;
-  // ffprobe: both files carry their MP2 tracks at 48 kHz, stereo; 224 and 384 kbit/s.
-  struct {
-    const char* file;
-    std::vector<const char*> listings;  // one per audio stream, in stream order
-  } rows[] = {
-      {"public/ts/h264_intra_first_mp2x2.ts",
-       {"MP2, 2.0 channels, 224kbit/s, 48khz", "MP2, 2.0 channels, 224kbit/s, 48khz"}},
-      {"public/ts/xdcam8mp2.ts", {"MP2, 2.0 channels, 384kbit/s, 48khz"}},
-  };
-  for (auto& row : rows) {
-    SCOPED_TRACE(row.file);
-    std::string command = "ffmpeg -v error -y -i '" + CorpusPath(row.file) + "'";
-    for (size_t i = 0; i < row.listings.size(); i++)
-      command += " -map 0:a:" + std::to_string(i) + " -c copy -f mp2 '" +
-                 scratch / ("track" + std::to_string(i) + ".mp2") + "'";
-    RunCommand(command + " 2>/dev/null");
-    std::string counts = RunCommand("ffprobe -v error -count_packets -select_streams a "
-                                    "-show_entries stream=nb_read_packets -of csv=p=0 '" +
-                                    CorpusPath(row.file) + "' 2>/dev/null");
-    std::stringstream countLines(counts);
-    for (size_t i = 0; i < row.listings.size(); i++) {
-      auto bytes = ReadBytes(scratch / ("track" + std::to_string(i) + ".mp2"));
-      ASSERT_GT(bytes.size(), 4096u);
-      auto reader = TMp2Reader::Create("", "", false);
-      auto capture = TCapture::Create();
-      reader->AppendUpStream(capture);
-      // As out of a demuxer: no length known.
-      ASSERT_TRUE(reader->InitAudio("mp2", 2, 24, 48000, false, 0));
-      ASSERT_TRUE(reader->Write(0, false, bytes.data(), uint32_t(bytes.size()), -1, false));
-      ASSERT_TRUE(reader->Finish());
-      EXPECT_EQ(reader->AudioDetails()->Description(), row.listings[i]);
-      EXPECT_TRUE(capture->bytes == bytes);
-      std::string frames;
-      std::getline(countLines, frames);
-      EXPECT_EQ(std::to_string(capture->blocks.size()), frames) << "stream " << i;
-    }
-  }
 }
 
 TEST(Mp2Reader, JunkInFrontAndRefusals) {

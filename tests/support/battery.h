@@ -28,13 +28,13 @@ inline bool AnnounceBare(IUpStream& stage, int64_t size) {
   return stage.InitAudio("?", 1, 8, 48000, false, size);
 }
 
-inline PushResult PushInPieces(const StageFactory& make, const std::vector<uint8_t>& stream,
-                               size_t piece, const Announce& announce = AnnounceBare) {
+// Announces `stream` to `stage`, writes it in pieces of `piece` bytes and finishes; a capture
+// appended behind the stage collects what comes out.
+inline PushResult Push(const UpStreamRef& stage, const std::vector<uint8_t>& stream, size_t piece,
+                       const Announce& announce = AnnounceBare) {
   PushResult result;
-  UpStreamRef stage = make();
   result.capture = TCapture::Create();
   stage->AppendUpStream(result.capture);
-  stage->SetSilent(true);
   bool ok = announce(*stage, int64_t(stream.size()));
   for (size_t at = 0; ok && at < stream.size(); at += piece) {
     size_t n = std::min(piece, stream.size() - at);
@@ -45,6 +45,13 @@ inline PushResult PushInPieces(const StageFactory& make, const std::vector<uint8
   result.output = result.capture->bytes;
   result.blocks = result.capture->blocks;
   return result;
+}
+
+inline PushResult PushInPieces(const StageFactory& make, const std::vector<uint8_t>& stream,
+                               size_t piece, const Announce& announce = AnnounceBare) {
+  UpStreamRef stage = make();
+  stage->SetSilent(true);
+  return Push(stage, stream, piece, announce);
 }
 
 inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {

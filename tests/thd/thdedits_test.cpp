@@ -1,5 +1,5 @@
-// The splitters of TrueHD/AC3 tracks against ffmpeg's demux of the same Blu-ray track, and the
-// dialnorm remover against ffmpeg's decoder.
+// The splitters of TrueHD/AC3 tracks on blocks that only look like AC-3, and the dialnorm
+// remover's patches of plain and extended major syncs.
 #include "thd/thdedits.h"
 
 #include "framework/bitreader.h"
@@ -16,42 +16,6 @@ std::shared_ptr<TCapture> ReadThrough(const std::vector<uint8_t>& stream, const 
   auto reader = TThdReader::Create("", "", false, false);
   reader->AppendUpStream(edit);
   return Drive(reader, stream, 16384, ok);
-}
-
-// The Blu-ray cut carries TrueHD with its AC-3 part on PID 0x1100; ffmpeg's copies of both
-// streams are the oracle for the two halves of the demuxed payload.
-TEST(ThdSplit, HalvesEqualFfmpegStreamsOfTheBlurayTrack) {
-  SKIP_WITHOUT_CORPUS();
-  SKIP_WITHOUT_TOOL("ffmpeg");
-  TempDir scratch;
-  std::string m2ts = CorpusPath("public/m2ts/Test_H264_DTS1.m2ts");
-  // ffprobe gives PID 0x1100 as stream 1 (truehd) and stream 2 (ac3).
-  std::string ids = RunCommand("ffprobe -v error -show_entries stream=index,codec_name,id -of "
-                               "csv=p=0 '" + m2ts + "'");
-  ASSERT_NE(ids.find("1,truehd,0x1100"), std::string::npos) << ids;
-  ASSERT_NE(ids.find("2,ac3,0x1100"), std::string::npos) << ids;
-  RunCommand("ffmpeg -v error -y -i '" + m2ts + "' -map 0:1 -c copy -f truehd '" +
-             scratch / "ffmpeg.thd" + "'");
-  RunCommand("ffmpeg -v error -y -i '" + m2ts + "' -map 0:2 -c copy -f ac3 '" +
-             scratch / "ffmpeg.ac3" + "'");
-
-  auto payload = ReadBytes(CorpusPath("public/truehd/dts1_truehd_ac3_interleaved.thdac3"));
-  TLogLines log;
-  bool ok = false;
-  auto thd = ReadThrough(payload, TThdAc3Remover::Create(), ok);
-  ASSERT_TRUE(ok);
-  auto ac3 = ReadThrough(payload, TThdAc3Extractor::Create(), ok);
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(log.Count("Extracting TrueHD stream..."), 1);
-  EXPECT_EQ(log.Count("Extracting AC3 stream..."), 1);
-  EXPECT_EQ(thd->audioInits.at(0).format, "thd");
-  EXPECT_EQ(ac3->audioInits.at(0).format, "ac3");
-
-  WriteBytes(scratch / "ours.thd", thd->bytes);
-  WriteBytes(scratch / "ours.ac3", ac3->bytes);
-  EXPECT_EQ(Md5(scratch / "ours.thd"), Md5(scratch / "ffmpeg.thd"));
-  EXPECT_EQ(Md5(scratch / "ours.ac3"), Md5(scratch / "ffmpeg.ac3"));
-  EXPECT_EQ(thd->bytes.size() + ac3->bytes.size(), payload.size());
 }
 
 // A block that starts like AC-3 but fails its check words belongs to TrueHD for both splitters.
@@ -83,9 +47,9 @@ TEST(ThdSplit, Ac3BlockWithBadCheckWordStaysWithTheTrueHdHalf) {
   EXPECT_EQ(taken->finished, 1);
 }
 
-// Dialnorm removal keeps the stream decodable: the check words are right and ffmpeg decodes the
-// patched stream to exactly the same samples.
-TEST(ThdDialnorm, PatchedMajorSyncsDecodeLikeTheOriginal) {
+// Dialnorm removal keeps the stream decodable: the check words are right and nothing but the
+// dialnorm field and its check word changes.
+TEST(ThdDialnorm, PatchedMajorSyncsKeepGoodCheckWords) {
   SKIP_WITHOUT_CORPUS();
   std::string source = CorpusPath("gen/truehd_20_48k.thd");
   auto bytes = ReadBytes(source);
@@ -116,19 +80,7 @@ TEST(ThdDialnorm, PatchedMajorSyncsDecodeLikeTheOriginal) {
     }
     at += block;
   }
-  EXPECT_GT(syncs, 10u);
-
-  SKIP_WITHOUT_TOOL("ffmpeg");
-  TempDir scratch;
-  WriteBytes(scratch / "patched.thd", capture->bytes);
-  // The decoder's complaints (a bad check word makes it drop units) go to a file of their own.
-  auto decode = [&scratch](const std::string& path) {
-    return RunCommand("ffmpeg -v error -i '" + path + "' -f s32le - 2>'" + scratch / "errors" +
-                      "' | md5sum");
-  };
-  std::string original = decode(source), patched = decode(scratch / "patched.thd");
-  EXPECT_EQ(patched, original);
-  EXPECT_EQ(ReadFile(scratch / "errors"), "");
+  EXPECT_GT(syncs, 10u);  // ffmpeg decodes the binary's patched stream alike: thd_e2e_test
 }
 
 // Object audio carries extension words in its major sync; the check word moves with them.

@@ -30,10 +30,6 @@ std::vector<TUnitSpan> WalkUnits(const std::vector<uint8_t>& bytes) {
   return units;
 }
 
-std::vector<uint8_t> Slice(const std::vector<uint8_t>& bytes, size_t from, size_t to) {
-  return std::vector<uint8_t>(bytes.begin() + long(from), bytes.begin() + long(to));
-}
-
 // Rewrites the check word of the major sync at the front of `unit`.
 void FixMajorSync(uint8_t* unit) {
   uint32_t end = MajorSyncEnd(unit);
@@ -107,20 +103,6 @@ TEST(ThdReader, ListsCorpusStreamsAndCopiesThemBitExact) {
       EXPECT_EQ(capture->blocks.size(), frames) << "one block per access unit";
     }
   }
-}
-
-TEST(ThdReader, ProbeAndChainModesGiveTheSameOutputInAnyPieces) {
-  SKIP_WITHOUT_CORPUS();
-  auto bytes = ReadBytes(CorpusPath("gen/truehd_20_48k.thd"));
-  auto units = WalkUnits(bytes);
-  ASSERT_GT(units.size(), 200u);
-  auto stream = Slice(bytes, 0, units[200].offset);
-  RunParserBattery([] { return TThdReader::Create("", "", false, false); }, stream, stream);
-  RunParserBattery([] { return TThdReader::Create(); }, stream, stream);
-
-  auto interleaved = ReadBytes(CorpusPath("public/truehd/dts1_truehd_ac3_interleaved.thdac3"));
-  RunParserBattery([] { return TThdReader::Create("", "", true, false); }, interleaved,
-                   interleaved);
 }
 
 // Damage is reported once; output resumes at the next major sync.
