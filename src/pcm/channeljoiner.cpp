@@ -24,7 +24,7 @@ bool TChannelJoiner::Write(SenderId sender, bool, const uint8_t* data, uint32_t 
     return Refuse("couldn't allocate enough memory.");
   uint8_t* out = BufferData(inputs);
   for (uint32_t i = 0; i < inputs; i++) {
-    const uint8_t* in = BufferData(i);
+    const uint8_t* in = InputData(i);
     uint8_t* o = out + size_t(i) * bytes;
     if (bytes == 3) {
       for (uint32_t f = 0; f < frames; f++, in += 3, o += frameBytes) {

@@ -16,6 +16,7 @@ bool TChannelMerge::AcceptInput(const std::string& format, uint32_t channels, ui
   if (inputs == 0) {
     first = true;
     inputs = uint32_t(DownStreams().size());
+    consumed.assign(inputs, 0);
     bytes = bits / 8;
     bigEndian = inBigEndian;
     sampleCount = totalSize;
@@ -42,14 +43,24 @@ bool TChannelMerge::StoreInput(SenderId sender, const uint8_t* data, uint32_t si
     return Refuse("received data from an unknown source.");
   if (size && !StoreData(uint32_t(found - list.begin()), data, size))
     return Refuse("couldn't allocate enough memory.");
-  uint32_t smallest = BufferFill(0);
-  for (uint32_t i = 1; i < inputs; i++) smallest = std::min(smallest, BufferFill(i));
+  uint32_t smallest = InputFill(0);
+  for (uint32_t i = 1; i < inputs; i++) smallest = std::min(smallest, InputFill(i));
   frames = smallest / bytes;
   return true;
 }
 
 void TChannelMerge::RemoveFrames(uint32_t frames) {
-  for (uint32_t i = 0; i < inputs; i++) RemoveData(i, frames * bytes);
+  constexpr uint32_t kCompactAbove = 0x40000;
+  for (uint32_t i = 0; i < inputs; i++) {
+    consumed[i] += frames * bytes;
+    if (consumed[i] == BufferFill(i)) {
+      SetBufferFill(i, 0);
+      consumed[i] = 0;
+    } else if (consumed[i] > kCompactAbove && consumed[i] > BufferFill(i) / 2) {
+      RemoveData(i, consumed[i]);
+      consumed[i] = 0;
+    }
+  }
 }
 
 bool TChannelMerge::Finish() {

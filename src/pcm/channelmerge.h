@@ -4,6 +4,8 @@
 // threads of several branches and take the stage's lock.
 #pragma once
 
+#include <vector>
+
 #include "framework/upstream.h"
 
 namespace sonvex {
@@ -25,6 +27,9 @@ protected:
   bool StoreInput(SenderId sender, const uint8_t* data, uint32_t size, uint32_t& frames);
   // Removes `frames` samples from every input buffer.
   void RemoveFrames(uint32_t frames);
+  // The samples input `i` holds that aren't removed yet.
+  const uint8_t* InputData(uint32_t i) { return BufferData(i) + consumed[i]; }
+  uint32_t InputFill(uint32_t i) { return BufferFill(i) - consumed[i]; }
   bool Refuse(const char* what) { return Fail("The " + std::string(stageName) + " " + what); }
 
   uint32_t inputs = 0;  // 0 until the first format arrives
@@ -36,6 +41,10 @@ private:
   bool littleOnly;
   int64_t sampleCount = 0;
   uint32_t finished = 0;
+  // Bytes at the front of each input buffer that are done with. The branches run a batch apart,
+  // so one input may hold a lot more than the others: moving its rest to the front after every
+  // block would copy it over and over, so it moves only once the part done with is large.
+  std::vector<uint32_t> consumed;
 };
 
 }  // namespace sonvex

@@ -47,7 +47,7 @@ bool TChannelMixer::Write(SenderId sender, bool, const uint8_t* data, uint32_t s
   if (frames == 0) return true;
   if (!ReserveBuffer(inputs, frames * bytes)) return Refuse("couldn't allocate enough memory.");
   std::vector<const uint8_t*> in(inputs);
-  for (uint32_t i = 0; i < inputs; i++) in[i] = BufferData(i);
+  for (uint32_t i = 0; i < inputs; i++) in[i] = InputData(i);
   uint8_t* out = BufferData(inputs);
   switch (bytes) {
     case 1: Mix<1>(in.data(), inputs, out, frames); break;
