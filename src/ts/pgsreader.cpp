@@ -10,6 +10,7 @@ namespace sonvex {
 
 namespace {
 constexpr int64_t kClockWrap = int64_t(1) << 33;  // the PES clock counts 33 bits
+constexpr uint32_t kLongestPes = 6 + 0xFFFF;        // start code, stream id, length, the rest
 
 // A 33-bit time stamp field of a PES header (PTS or DTS).
 int64_t ReadStamp(const uint8_t* p) {
@@ -42,16 +43,20 @@ int64_t TPgsReader::Relative(int64_t pts) const {
   return d + int64_t(userDelay) * 90;
 }
 
+void TPgsReader::DropDamaged() {
+  if (!damageReported) {
+    damageReported = true;
+    Log(1, "The pgs reader skipped a damaged packet.");
+  }
+  SetBufferFill(0, 0);
+}
+
 bool TPgsReader::CompletePacket() {
   const uint8_t* pes = BufferData(0);
   uint32_t fill = BufferFill(0);
   if (fill == 0) return true;
   auto damaged = [&]() {
-    if (!damageReported) {
-      damageReported = true;
-      Log(1, "The pgs reader skipped a damaged packet.");
-    }
-    SetBufferFill(0, 0);
+    DropDamaged();
     return true;
   };
   if (fill < 9 || pes[0] != 0 || pes[1] != 0 || pes[2] != 1) return damaged();
@@ -103,6 +108,9 @@ bool TPgsReader::Write(SenderId, bool, const uint8_t* data, uint32_t size, int64
   if (flush && !CompletePacket()) return false;
   if (size && !StoreData(0, data, size))
     return Fail("The pgs reader couldn't allocate enough memory.");
+  // No PES packet is longer than its 16-bit length allows: a longer run of data without a unit
+  // start is damage, and is not gathered on.
+  if (BufferFill(0) > kLongestPes) DropDamaged();
   return valid;
 }
 

@@ -44,6 +44,7 @@ public:
 
 private:
   bool CompletePacket();
+  void DropDamaged();  // warns once, then forgets the packet gathered so far
   int64_t Relative(int64_t pts) const;
 
   int64_t origin;

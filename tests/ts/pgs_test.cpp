@@ -137,6 +137,26 @@ TEST(PgsReader, RefusesOtherFormatsAndUnannouncedData) {
   EXPECT_TRUE(log.Has("The pgs reader didn't receive the format information."));
 }
 
+// Damage: a segment cut off by its packet's end, and a run of data longer than any PES packet,
+// are dropped with one warning; the packets around them come through.
+TEST(PgsReader, DamageIsDroppedWithOneWarning) {
+  LogCatcher log;
+  auto reader = TPgsReader::Create(0);
+  auto capture = TCapture::Create();
+  reader->SetUpStream(capture);
+  ASSERT_TRUE(reader->InitSubtitle("pgs"));
+  Bytes cut = PgsPes(10, -1, Join({kEnd, Bytes{0x15, 0x10}}));
+  Bytes endless(70000, 0x55);
+  Bytes good = PgsPes(20, -1, kEnd);
+  for (const Bytes* block : {&cut, &endless, &good}) {
+    ASSERT_TRUE(reader->Write(0, false, nullptr, 0, -1, true));
+    ASSERT_TRUE(reader->Write(0, false, block->data(), uint32_t(block->size()), -1, false));
+  }
+  ASSERT_TRUE(reader->Finish());
+  EXPECT_EQ(capture->bytes, Join({SupHead(10, 10), kEnd, SupHead(20, 20), kEnd}));
+  EXPECT_EQ(log.Count("The pgs reader skipped a damaged packet."), 1);
+}
+
 // A seam between clips: the next clip's times continue from the jump.
 TEST(PgsReader, SeamShiftsTheFollowingClip) {
   auto reader = TPgsReader::Create(1000);
