@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 
 #include "disc/languages.h"
 #include "files/destfile.h"
@@ -143,6 +144,7 @@ std::vector<std::string> ExistingOutputs(const std::vector<TAction>& actions) {
     int32_t count = std::max(action.fileCount, 0);
     for (int32_t index = 0; index < std::max(count, 1); index++)
       candidates.push_back(IndexedName(action.dest, index, count));
+    candidates.push_back(action.dest + ".gaps");  // the gaps found, for a later pass
   }
   for (const std::string& name : candidates) {
     std::error_code error;
@@ -185,9 +187,10 @@ const char* KindName(TTrackKind kind) {
   }
 }
 
-void AudioFields(TJsonWriter& json, const IAudioFormatDetails& audio) {
+// `line` is the listing's text of the track, when there was a listing line for it.
+void AudioFields(TJsonWriter& json, const IAudioFormatDetails& audio, const std::string& line) {
   std::string codec = audio.Format();
-  json.Field("codec", codec).Field("description", audio.Description());
+  json.Field("codec", codec).Field("description", line.empty() ? audio.Description() : line);
   if (audio.Channels()) json.Field("channels", int64_t(audio.Channels()));
   if (audio.ChannelMask()) json.Field("channel_mask", int64_t(audio.ChannelMask()));
   if (audio.Bits()) json.Field("bits", int64_t(audio.Bits()));
@@ -200,13 +203,15 @@ void AudioFields(TJsonWriter& json, const IAudioFormatDetails& audio) {
   if (Holds(text, "Atmos") || Holds(text, "JOC")) json.Flag("atmos", true);
 }
 
-void VideoFields(TJsonWriter& json, const IVideoFormatDetails& video) {
-  json.Field("codec", video.Format()).Field("description", video.Description());
+void VideoFields(TJsonWriter& json, const IVideoFormatDetails& video, const std::string& line) {
+  json.Field("codec", video.Format()).Field("description", line.empty() ? video.Description() : line);
   if (video.Width()) json.Field("width", int64_t(video.Width()));
   if (video.Height()) json.Field("height", int64_t(video.Height()));
   if (video.FrameCount()) json.Field("frames", int64_t(video.FrameCount()));
+  // The rate of an interlaced stream counts fields, two to a frame.
   if (video.RateNumerator() && video.RateDenominator())
-    json.Field("frame_rate", double(video.RateNumerator()) / video.RateDenominator());
+    json.Field("frame_rate", double(video.RateNumerator()) / video.RateDenominator() /
+                                 (video.Interlaced() ? 2 : 1));
   if (video.Interlaced()) json.Flag("interlaced", true);
   if (Holds(video.Description(), "HDR")) json.Flag("hdr", true);
 }
@@ -217,19 +222,23 @@ void LanguageFields(TJsonWriter& json, const std::string& code, const std::strin
   if (!name.empty()) json.Field("language_name", name);
 }
 
-void TrackJson(TJsonWriter& json, const TSourceInfo& info, const TDiscFacts& disc, int32_t number) {
+void TrackJson(TJsonWriter& json, const TSourceInfo& info, const TDiscFacts& disc, const TJsonRun& run,
+               int32_t number) {
   TTrackRef ref = FindTrack(info, number);
   json.Open(nullptr, '{').Field("number", int64_t(number)).Field("kind", KindName(ref.kind));
   auto details = ref.entry.details;
+  // The listing's line: the stream's own text with the delay, language and name it adds.
+  auto found = run.trackLines.find(number);
+  std::string line = found == run.trackLines.end() ? "" : found->second;
   std::string code;
   if (ref.kind == TTrackKind::Video && details && details->VideoDetails()) {
-    VideoFields(json, *details->VideoDetails());
+    VideoFields(json, *details->VideoDetails(), line);
   } else if (ref.kind == TTrackKind::Audio && details && details->AudioDetails()) {
-    AudioFields(json, *details->AudioDetails());
+    AudioFields(json, *details->AudioDetails(), line);
     code = details->AudioDetails()->Language();
   } else if (ref.kind == TTrackKind::Subtitle && details && details->SubtitleDetails()) {
     json.Field("codec", details->SubtitleDetails()->Format())
-        .Field("description", details->SubtitleDetails()->Description());
+        .Field("description", line.empty() ? details->SubtitleDetails()->Description() : line);
     code = details->SubtitleDetails()->Language();
   }
   if ((ref.kind == TTrackKind::Video || ref.kind == TTrackKind::Audio) && ref.entry.delay)
@@ -271,19 +280,17 @@ void ChaptersJson(TJsonWriter& json, const std::string& text) {
   json.Close();
 }
 
-// "Audio has a gap of 12ms at playtime 0:01:02.345." and its overlap twin.
+// "[a02] Audio has a gap of 200ms at playtime 0:00:05." and its overlap twin.
 void GapsJson(TJsonWriter& json, const std::vector<std::string>& warnings) {
+  static const std::regex kGap("Audio (has a gap of|overlaps for) ([0-9]+)ms at playtime ([0-9]+):([0-9]+):([0-9]+)\\.$");
   json.Open("gaps", '[');
+  std::smatch m;
   for (const std::string& text : warnings) {
-    unsigned length = 0, h = 0, m = 0, s = 0, ms = 0;
-    bool gap = std::sscanf(text.c_str(), "Audio has a gap of %ums at playtime %u:%u:%u.%u", &length,
-                           &h, &m, &s, &ms) == 5;
-    bool overlap = !gap && std::sscanf(text.c_str(), "Audio overlaps for %ums at playtime %u:%u:%u.%u",
-                                       &length, &h, &m, &s, &ms) == 5;
-    if (!gap && !overlap) continue;
+    if (!std::regex_search(text, m, kGap)) continue;
+    int64_t length = std::stoll(m[2]), seconds = (std::stoll(m[3]) * 60 + std::stoll(m[4])) * 60 + std::stoll(m[5]);
     json.Open(nullptr, '{')
-        .Field("time_ms", int64_t(((h * 60 + m) * 60 + s) * 1000LL + ms))
-        .Field("length_ms", gap ? int64_t(length) : -int64_t(length))
+        .Field("time_ms", seconds * 1000)
+        .Field("length_ms", m[1] == "overlaps for" ? -length : length)
         .Close();
   }
   json.Close();
@@ -314,7 +321,7 @@ std::string SourceJson(const TSourceInfo& info, const TDiscFacts& disc, const TJ
     }
     if (size) json.Field("size", int64_t(size));
     if (!disc.titleName.empty()) json.Field("title", disc.titleName);
-    json.Field("description", c.Description()).Close();
+    json.Field("description", run.containerLine.empty() ? c.Description() : run.containerLine).Close();
     json.Open("tracks", '[');
     if (info.joinedContainer)
       json.Open(nullptr, '{').Field("number", int64_t(1)).Field("kind", "joined")
@@ -323,19 +330,19 @@ std::string SourceJson(const TSourceInfo& info, const TDiscFacts& disc, const TJ
       json.Open(nullptr, '{').Field("number", int64_t(info.trackBase)).Field("kind", "chapters")
           .Field("description", disc.chapterLine).Close();
     for (int32_t number = info.trackBase + 1; number <= LastTrackNumber(info); number++)
-      TrackJson(json, info, disc, number);
+      TrackJson(json, info, disc, run, number);
     json.Close();
     if (!info.chapterText.empty()) ChaptersJson(json, info.chapterText);
   } else if (info.audioDetails || info.videoDetails) {
     json.Open("tracks", '[').Open(nullptr, '{').Field("number", int64_t(1));
     if (info.audioDetails) {
       json.Field("kind", "audio");
-      AudioFields(json, *info.audioDetails);
+      AudioFields(json, *info.audioDetails, "");
       std::string code = info.audioDetails->Language();
       LanguageFields(json, code, code.empty() ? "" : LanguageName(code));
     } else {
       json.Field("kind", "video");
-      VideoFields(json, *info.videoDetails);
+      VideoFields(json, *info.videoDetails, "");
     }
     json.Close().Close();
   }

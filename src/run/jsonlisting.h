@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,8 @@ std::string JsonString(const std::string& text);
 
 // What "-json" collects while the run goes on: the messages the run printed, and disc titles.
 struct TJsonRun {
+  std::string containerLine;                    // as the listing printed them
+  std::map<int32_t, std::string> trackLines;    // by track number, without "n: "
   std::vector<TListedTitle> titles;
   std::vector<std::string> warnings;  // level 1
   std::vector<std::string> errors;    // level 2

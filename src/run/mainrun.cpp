@@ -192,7 +192,8 @@ void TMainRun::PrintListing() {
   }
   auto& c = *info.container;
   disc = FindDiscFacts(options.sources, c);
-  WriteLine(0, c.Description() + (disc.titleName.empty() ? "" : " \"" + disc.titleName + "\""));
+  json.containerLine = c.Description() + (disc.titleName.empty() ? "" : " \"" + disc.titleName + "\"");
+  WriteLine(0, json.containerLine);
   int32_t earliest = 0x7FFFFFFF;
   TTrackEntry entry;
   for (int32_t i = 0; i < c.VideoCount(); i++)
@@ -221,6 +222,7 @@ void TMainRun::PrintListing() {
     if (name != disc.names.end() && ref.kind == TTrackKind::Subtitle)
       line += ", \"" + name->second + "\"";
     WriteLine(0, line);
+    json.trackLines[number] = line.substr(std::to_string(number).size() + 2);
     if (name != disc.names.end() && ref.kind == TTrackKind::Audio)
       WriteLine(0, std::string(std::to_string(number).size() + 2, ' ') + "\"" + name->second + "\"");
   }
