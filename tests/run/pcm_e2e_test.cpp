@@ -120,7 +120,9 @@ void CheckRawRun(const std::string& full, const std::string& format, int channel
   }
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   if (r.exitCode != 0) return;
-  if (!listing.empty()) EXPECT_TRUE(r.HasLine(listing)) << r.out;
+  if (!listing.empty()) {
+    EXPECT_TRUE(r.HasLine(listing)) << r.out;
+  }
   std::string little = full;
   int bytes = format == "u8" ? 1 : format[1] == '1' ? 2 : 3;
   if (format.substr(format.size() - 2) == "be")
