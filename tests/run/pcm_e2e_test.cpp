@@ -211,18 +211,27 @@ void CheckFilmLayouts(int bits, const std::string& order) {
   }
 }
 
-TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt16Bits) {
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt16BitsLittleEndian) {
   CheckFilmLayouts(16, "le");
+}
+
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt16BitsBigEndian) {
   CheckFilmLayouts(16, "be");
 }
 
-TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt20Bits) {
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt20BitsLittleEndian) {
   CheckFilmLayouts(20, "le");
+}
+
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt20BitsBigEndian) {
   CheckFilmLayouts(20, "be");
 }
 
-TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt24Bits) {
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt24BitsLittleEndian) {
   CheckFilmLayouts(24, "le");
+}
+
+TEST_F(PcmRun, EveryLayoutOfAFilmTrackIsRecognisedAt24BitsBigEndian) {
   CheckFilmLayouts(24, "be");
 }
 
