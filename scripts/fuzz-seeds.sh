@@ -11,7 +11,7 @@ limit=32768
 
 # target: files of the corpus (globs) whose heads seed it
 seeds=(
-  "fuzz_ac3reader: gen/ac3_20_192k.ac3 gen/ac3_51_448k.ac3 gen/eac3_51_640k.eac3 public/eac3/the_great_wall_7.1.eac3"
+  "fuzz_ac3reader: gen/ac3_20_192k.ac3 gen/ac3_51_448k.ac3 gen/eac3_51_640k.eac3 public/eac3/the_great_wall_7.1.eac3 public/eac3/csi_miami_stereo_128_spx_junk352.eac3"
   "fuzz_dtsreader: gen/dts_51_768k.dts public/dts/xll_51_24_48_768.dts public/dts/xbr_51_24_48_3840.dts public/dts/dts_es_61.dts"
   "fuzz_dtsexsub: public/dts/xll_51_24_48_768.dts public/dts/xbr_51_24_48_3840.dts"
   "fuzz_flacdecoder: gen/flac_20_16.flac gen/flac_51_24.flac"
@@ -36,7 +36,8 @@ seeds=(
 # The detector's first input byte picks block size and options; 0x80 is whole 16 KiB blocks.
 detector="gen/ac3_51_448k.ac3 gen/dts_51_768k.dts gen/truehd_51_48k.thd gen/mp2_20_224k.mp2
   gen/wav_51_24.wav gen/flac_20_16.flac gen/h264_1080p24.h264 gen/mpeg2_576i25.m2v
-  gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts public/vob/*.vob"
+  gen/bd_h264_multi.m2ts gen/ts_h264_eac3_ac3_aac.ts public/vob/*.vob
+  public/dts/xll_51_24_48_768.dtshd public/eac3/csi_miami_stereo_128_spx_junk352.eac3"
 
 for row in "${seeds[@]}"; do
   target=${row%%:*}
