@@ -98,7 +98,6 @@ void TSourceFiles::Probe(const TSourceFiles* earlier) {
     sizes.push_back(handle >= 0 ? int64_t(info.st_size) : 0);
     firstStamps.push_back(-1);
     lastStamps.push_back(-1);
-    rawLastStamps.push_back(-1);
     if (handle < 0) {
       Fail("The source file \"" + name + "\" could not be opened.");
       continue;
@@ -135,9 +134,9 @@ void TSourceFiles::Probe(const TSourceFiles* earlier) {
     isTs = earlier->isTs;
     playTime = earlier->playTime;
     firstStamps = earlier->firstStamps;
-    rawLastStamps = earlier->rawLastStamps;
     for (size_t i = 0; i < names.size(); i++)
-      lastStamps[i] = earlier->firstStamps[i] >= 0 ? rawLastStamps[i] + FrameTicks() : -1;
+      if (firstStamps[i] >= 0)
+        lastStamps[i] = earlier->lastStamps[i] - earlier->FrameTicks() + FrameTicks();
     return;
   }
   if (!isEvo && !isTs) playTime = totalSize;
@@ -149,7 +148,6 @@ void TSourceFiles::UseStamps(size_t index, int64_t first, int64_t last) {
   if (last < first) last += int64_t(1) << 32;
   playTime += last - first;
   firstStamps[index] = first;
-  rawLastStamps[index] = last;
   lastStamps[index] = last + FrameTicks();
 }
 

@@ -83,7 +83,6 @@ private:
   std::vector<int64_t> sizes;
   std::vector<int64_t> firstStamps;
   std::vector<int64_t> lastStamps;
-  std::vector<int64_t> rawLastStamps;  // the last stamps as found, before the frame is added
   uint32_t frameNumerator;
   uint32_t frameDenominator;
   uint32_t fileIndex = 0;
